@@ -1,0 +1,61 @@
+#ifndef NOX_PLATFORM_BINDER_PARCEL_H
+#define NOX_PLATFORM_BINDER_PARCEL_H
+
+// Host implementation of the subset of android::Parcel that the framework uses,
+// byte-for-byte compatible with libbinder's flat encoding:
+//  - int32: little-endian, in a 4-byte slot;
+//  - String16: int32 count of UTF-16 units (-1 for a null string), the units,
+//    a 0 unit, zero padding to a multiple of 4 bytes.
+// Reads never go past the end: a missing int reads as 0, a missing, negative or
+// oversized string reads as empty (null for readString16Inplace).
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <utils/Errors.h>
+#include <utils/String16.h>
+
+namespace android {
+
+class Parcel {
+ public:
+  Parcel();
+  ~Parcel();
+  Parcel(const Parcel&) = delete;
+  Parcel& operator=(const Parcel&) = delete;
+
+  const uint8_t* data() const;
+  size_t dataSize() const;
+  size_t dataAvail() const;
+  size_t dataPosition() const;
+  // Positions past the end are clamped to the end.
+  void setDataPosition(size_t pos) const;
+  // Replaces the content with a copy of `len` bytes and rewinds to 0.
+  status_t setData(const uint8_t* buffer, size_t len);
+  void freeData();
+
+  status_t writeInt32(int32_t val);
+  // A null `str` writes the null string (count -1).
+  status_t writeString16(const char16_t* str, size_t len);
+  status_t writeString16(const String16& str);
+
+  int32_t readInt32() const;
+  status_t readInt32(int32_t* out) const;
+  // Points into the Parcel's own buffer; null (and *outLen 0) for a null, negative,
+  // oversized or truncated string.
+  const char16_t* readString16Inplace(size_t* outLen) const;
+  String16 readString16() const;
+
+ private:
+  status_t growTo(size_t size);
+  status_t writeAligned(const void* bytes, size_t len);
+
+  uint8_t* mData;
+  size_t mDataSize;
+  size_t mDataCapacity;
+  mutable size_t mDataPos;
+};
+
+}  // namespace android
+
+#endif  // NOX_PLATFORM_BINDER_PARCEL_H
