@@ -96,6 +96,10 @@ class NoxUtils {
   // First bytes (at most 4) of /proc/<pid>/cmdline; false when it cannot be read.
   static bool GetAppName(int pid, std::string& name);
 
+  // Allocation failure inside a container: prints "out of memory\n" on standard
+  // output and exits with status 1.
+  [[noreturn]] static void exitOutOfMemory();
+
   static const char* const EMPTY_STRING;
   static bool isInitNeeded;
   static std::map<NoxMsgEnumType, const char*> msg;

@@ -1,0 +1,45 @@
+# Entry points for people and CI. `make test` does all set-up itself.
+JOBS ?= 2
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build test test-unit test-asan test-tsan fuzz-smoke bench demo clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B build -G Ninja $(CMAKE_FLAGS) >/dev/null
+	ninja -C build -j$(JOBS)
+
+test-unit: build
+	cd build && ctest -j$(JOBS) --output-on-failure
+
+# Every test again under AddressSanitizer and UndefinedBehaviorSanitizer.
+test-asan: deps
+	cmake -S . -B build-asan -G Ninja -DNOX_SANITIZE=address,undefined -DNOX_BUILD_BENCH=OFF >/dev/null
+	ninja -C build-asan -j$(JOBS)
+	cd build-asan && ctest -j$(JOBS) --output-on-failure
+
+# The tests whose code crosses threads, under ThreadSanitizer.
+test-tsan: deps
+	cmake -S . -B build-tsan -G Ninja -DNOX_SANITIZE=thread -DNOX_BUILD_BENCH=OFF >/dev/null
+	ninja -C build-tsan -j$(JOBS)
+	cd build-tsan && ctest -j$(JOBS) -L threads --output-on-failure
+
+# Short libFuzzer runs of every fuzz target (clang).
+fuzz-smoke: deps
+	scripts/fuzz.sh smoke
+
+test: test-unit test-asan test-tsan fuzz-smoke
+	@echo "All test runs passed."
+
+bench: build
+	@for b in build/bench/*_bench; do echo "== $$b"; $$b; done
+
+demo: build
+	scripts/demo.sh
+
+clean:
+	rm -rf build build-asan build-tsan build-fuzz

@@ -1,0 +1,79 @@
+#ifndef NOX_COM_H
+#define NOX_COM_H
+
+#include <sys/epoll.h>
+
+#include <map>
+#include <set>
+
+#include "NoxUtils.h"
+
+class NoxTimer;
+
+// Called on the loop thread when the descriptor is ready / when its handler is removed.
+typedef void (*ComEventCallback)(int fd, void* data);
+typedef void (*ComCloseCallback)(int fd, void* data);
+
+// The daemon's single-threaded descriptor loop (epoll, level-triggered) and its
+// outbound message path. Everything but wake() runs on the loop thread.
+class NoxCom {
+ public:
+  struct ComHandlerObject {
+    ComEventCallback cb = nullptr;
+    ComCloseCallback closeCb = nullptr;
+    void* data = nullptr;
+  };
+
+  // Creates the epoll instance and the wake-up eventfd; aborts the process on failure.
+  NoxCom();
+  // Empties the registry; the epoll and wake-up descriptors stay open.
+  ~NoxCom();
+  NoxCom(const NoxCom&) = delete;
+  NoxCom& operator=(const NoxCom&) = delete;
+
+  // Registers `fd` for `events` and approves it. False (nothing changes) when `fd`
+  // already has a handler. The caller keeps ownership of the descriptor.
+  bool addComEventHandler(int fd, ComEventCallback cb, void* data, ComCloseCallback closeCb,
+                          int events);
+  // Unregisters `fd`, runs its close callback and unapproves it; never closes it.
+  void removeComEventHandler(int fd);
+  // One wait of at most `timeoutMs` (-1: no limit) for up to 4 events, then the due
+  // timers, then the handlers of the ready descriptors, last returned first.
+  void processEvents(int timeoutMs, NoxTimer& timer);
+  // Ends a wait in progress. The only operation safe from any thread.
+  void wake();
+
+  // Drains a descriptor; the event callback of the wake-up descriptor.
+  static void clearRead(int fd, void* data);
+  // Sends one framed message (4-byte big-endian length, then `len` <= 1024 bytes) to
+  // an approved descriptor; fd 0 means the framework client. A failed send unapproves
+  // the destination, which is then dropped at its next event.
+  static void sendMessage(int fd, const void* data, unsigned int len);
+  // Sends the payload-free message {1, msgType}.
+  static void sendUnsolicitedMsg(int fd, NoxMsgEnumType msgType);
+
+  static bool isApprovedFd(int fd);
+  static void addApprovedFd(int fd);
+  static void remApprovedFd(int fd);
+  static int getNoxClientFd();
+  static void setNoxClientFd(int fd);
+
+ private:
+  static const int kMaxEvents = 4;
+
+  [[noreturn]] static void fatal(const char* message);
+  void handleEvent(const epoll_event& ev, int remaining);
+
+  int epollFd;
+  int wakeFd;
+  epoll_event events[kMaxEvents];
+  std::map<int, ComHandlerObject> comHandlers;
+  // Descriptors removed while the current pass dispatches; their stale events are skipped.
+  std::set<int> removedInPass;
+  bool inPass = false;
+
+  static std::set<int> approvedFd;
+  static int noxClientFd;
+};
+
+#endif  // NOX_COM_H

@@ -1,0 +1,207 @@
+#include "NoxCom.h"
+
+#include <arpa/inet.h>
+#include <binder/Parcel.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "NoxLog.h"
+#include "NoxTimer.h"
+
+namespace {
+constexpr unsigned int kMaxMessageSize = 1024;
+
+void logSysError(const char* what) {
+  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "Error: %s", what);
+  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(errno), errno);
+}
+}  // namespace
+
+std::set<int> NoxCom::approvedFd;
+int NoxCom::noxClientFd = -1;
+
+NoxCom::NoxCom() {
+  epollFd = epoll_create(4);
+  if (epollFd < 0) fatal("Cannot create epoll instance");
+  wakeFd = static_cast<int>(syscall(SYS_eventfd2, 0, EFD_NONBLOCK));
+  if (wakeFd < 0) fatal("Cannot create eventfd instance");
+  addComEventHandler(wakeFd, clearRead, nullptr, nullptr, EPOLLIN | EPOLLHUP);
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "NoxCom is ready. epollFd:%d", epollFd);
+}
+
+NoxCom::~NoxCom() { comHandlers.clear(); }
+
+void NoxCom::fatal(const char* message) {
+  const int err = errno;
+  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "Critical Error, Aborting: %s", message);
+  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(err), err);
+  abort();
+}
+
+bool NoxCom::addComEventHandler(int fd, ComEventCallback cb, void* data, ComCloseCallback closeCb,
+                                int events) {
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM,
+          "NoxCom::addComEventHandler fd %d, ComEventCallback %p, void* %p, ComCloseCallback %p, "
+          "events %d",
+          fd, reinterpret_cast<void*>(cb), data, reinterpret_cast<void*>(closeCb), events);
+  if (comHandlers.count(fd) != 0) {
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd=%d is already in comHandlers", fd);
+    return false;
+  }
+  epoll_event ev = {};
+  ev.events = static_cast<uint32_t>(events);
+  ev.data.fd = fd;
+  // Deliberate: a failed registration still stores the handler; it is simply never called.
+  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &ev) < 0) logSysError("Cannot add NoxCom event handler");
+  comHandlers[fd] = ComHandlerObject{cb, closeCb, data};
+  approvedFd.insert(fd);
+  return true;
+}
+
+void NoxCom::removeComEventHandler(int fd) {
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "NoxCom::removeComEventHandler fd %d", fd);
+  epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr);
+  const ComHandlerObject handler = comHandlers[fd];
+  if (handler.closeCb != nullptr) handler.closeCb(fd, handler.data);
+  const size_t erased = comHandlers.erase(fd);
+  if (erased == 0)
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "comHandlers.erase for fd %d returned %d!", fd, 0);
+  approvedFd.erase(fd);
+  if (inPass) removedInPass.insert(fd);
+}
+
+void NoxCom::processEvents(int timeoutMs, NoxTimer& timer) {
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "waiting on events (%dms)", timeoutMs);
+  const int n = epoll_wait(epollFd, events, kMaxEvents, timeoutMs);
+  if (n == -1) {
+    if (errno == EINTR) return;
+    logSysError("epoll_wait error");
+    return;
+  }
+  timer.processEvents();
+  if (n == 0) return;
+
+  inPass = true;
+  removedInPass.clear();
+  for (int i = n - 1; i >= 0; --i) handleEvent(events[i], i + 1);
+  inPass = false;
+  removedInPass.clear();
+}
+
+void NoxCom::handleEvent(const epoll_event& ev, int remaining) {
+  const int fd = ev.data.fd;
+  const uint32_t mask = ev.events;
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "there are %d file descriptor(s) with events pending",
+          remaining);
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "%d events pending, handling %d for %d", remaining,
+          static_cast<int>(mask), fd);
+
+  // The number may already belong to a new descriptor (a client accepted or an eventfd
+  // created since): never act on it, and never close it a second time.
+  if (removedInPass.count(fd) != 0) {
+    NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "fd %d was removed during this pass, skipping its event",
+            fd);
+    return;
+  }
+  if (mask & EPOLLHUP) {
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_COM, "fd '%d' sent HUP.", fd);
+    removeComEventHandler(fd);
+    close(fd);
+    return;
+  }
+  if ((mask & (EPOLLIN | EPOLLPRI | EPOLLERR)) == 0) {
+    std::string flags;
+    if (mask & EPOLLIN) flags += "EPOLLIN ";
+    if (mask & EPOLLOUT) flags += "EPOLLOUT ";
+    if (mask & EPOLLHUP) flags += "EPOLLHUP ";
+    if (mask & EPOLLET) flags += "EPOLLET ";
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "Unhandled epoll event: %s [flags 0%o]", flags.c_str(),
+            mask);
+    return;
+  }
+  if (!isApprovedFd(fd)) {
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_COM, "fd %d is not on approved list, cannot process event", fd);
+    removeComEventHandler(fd);
+    close(fd);
+    return;
+  }
+  const auto it = comHandlers.find(fd);
+  if (it == comHandlers.end()) {
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd '%d' does not have an event handler registered", fd);
+    return;
+  }
+  const ComHandlerObject handler = it->second;
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "fd '%d' is processing events [callback:%p, data:%p]", fd,
+          reinterpret_cast<void*>(handler.cb), handler.data);
+  if (handler.cb == nullptr) {
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "no callback registered");
+    return;
+  }
+  handler.cb(fd, handler.data);
+}
+
+void NoxCom::wake() {
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "NoxCom::wake() EX");
+  const uint64_t one = 1;
+  const ssize_t rv = write(wakeFd, &one, sizeof(one));
+  if (rv < static_cast<ssize_t>(sizeof(one)))
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "Error in writing rv: %d, error: %s", static_cast<int>(rv),
+            strerror(errno));
+}
+
+void NoxCom::clearRead(int fd, void*) {
+  char buf[256];
+  // Deliberate: only -1 ends the drain; this is only registered for the eventfd.
+  while (read(fd, buf, sizeof(buf)) != -1) {
+  }
+  if (errno != EAGAIN)
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "Error while clearing the read buffer on fd %d", fd);
+}
+
+void NoxCom::sendMessage(int fd, const void* data, unsigned int len) {
+  if (len > kMaxMessageSize) {
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM,
+            "Unsolicited message size larger than max allowed size, cannot send");
+    return;
+  }
+  if (fd == 0) fd = noxClientFd;
+  if (!isApprovedFd(fd)) {
+    NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_COM, "Cannot send message to fd='%d', not on approved list", fd);
+    return;
+  }
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "sending message to fd '%d', address:%p bytes:%d", fd, data,
+          static_cast<int>(len));
+  const uint32_t header = htonl(len);
+  if (send(fd, &header, sizeof(header), MSG_NOSIGNAL) == -1) {
+    logSysError("send() error while sending parcel size");
+    remApprovedFd(fd);
+    return;
+  }
+  if (send(fd, data, len, MSG_NOSIGNAL) == -1) {
+    logSysError("send() error while sending parcel");
+    remApprovedFd(fd);
+  }
+}
+
+void NoxCom::sendUnsolicitedMsg(int fd, NoxMsgEnumType msgType) {
+  NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "sending unsolicited message. fd:%d type:%s (%d) VOID", fd,
+          NoxUtils::getNoxMsgStr(msgType), static_cast<int>(msgType));
+  android::Parcel p;
+  p.writeInt32(1);
+  p.writeInt32(msgType);
+  sendMessage(fd, p.data(), static_cast<unsigned int>(p.dataSize()));
+}
+
+bool NoxCom::isApprovedFd(int fd) { return approvedFd.count(fd) != 0; }
+void NoxCom::addApprovedFd(int fd) { approvedFd.insert(fd); }
+void NoxCom::remApprovedFd(int fd) { approvedFd.erase(fd); }
+int NoxCom::getNoxClientFd() { return noxClientFd; }
+void NoxCom::setNoxClientFd(int fd) { noxClientFd = fd; }
