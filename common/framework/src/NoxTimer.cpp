@@ -20,9 +20,11 @@ struct Description {
 // "(Epoch)" is printed although the clock is the boot-time clock; log readers expect it.
 Description describe(const NoxTimer::TimedEvent& e) {
   Description d;
-  snprintf(d.text, sizeof(d.text), "TimedEvent id:%d callback:%p data:%p delay:%ldms time: %ld.%06ld (Epoch)",
-           e.id, reinterpret_cast<void*>(e.callback), e.data, static_cast<long>(static_cast<int32_t>(e.delay)),
-           static_cast<long>(e.time.tv_sec), static_cast<long>(e.time.tv_nsec));
+  snprintf(d.text, sizeof(d.text),
+           "TimedEvent id:%d callback:%p data:%p delay:%ldms time: %ld.%06ld (Epoch)", e.id,
+           reinterpret_cast<void*>(e.callback), e.data,
+           static_cast<long>(static_cast<int32_t>(e.delay)), static_cast<long>(e.time.tv_sec),
+           static_cast<long>(e.time.tv_nsec));
   return d;
 }
 
@@ -38,12 +40,14 @@ NoxTimer::NoxTimer(INoxTimerMonitor* monitor) : monitor(monitor), lastTimerId(0)
 
 int NoxTimer::addTimedCallback(long long delayMs, TimedCallback callback, void* data) {
   if (callback == nullptr) {
-    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "addTimedCallback failed; cannot have NULL callback function");
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM,
+            "addTimedCallback failed; cannot have NULL callback function");
     return -1;
   }
   TimedEvent event{0, {}, callback, data, delayMs};
   if (clockGetTime(CLOCK_BOOTTIME, &event.time) != 0) {
-    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "addTimedCallback failed; clock_gettime(): %s", strerror(errno));
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "addTimedCallback failed; clock_gettime(): %s",
+            strerror(errno));
     return -1;
   }
   addDelayToTimeval(delayMs, event.time);
@@ -88,14 +92,15 @@ void NoxTimer::processEvents() {
     const int ret = event.callback(event.data);
     if (ret == -1) continue;
     if (clockGetTime(CLOCK_BOOTTIME, &event.time) != 0) {
-      NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "timeUntilNextCallback failed; clock_gettime(): %s", strerror(errno));
+      NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "timeUntilNextCallback failed; clock_gettime(): %s",
+              strerror(errno));
       return;
     }
     if (ret > 0) {
       event.delay = ret;
     } else if (ret < 0) {
-      NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "Invalid delay (%lld), using %lld instead", static_cast<long long>(ret),
-              event.delay);
+      NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "Invalid delay (%lld), using %lld instead",
+              static_cast<long long>(ret), event.delay);
     }
     addDelayToTimeval(event.delay, event.time);
     events.push_back(event);
@@ -108,7 +113,8 @@ int NoxTimer::timeUntilNextEvent() const {
   if (events.empty()) return -1;
   timespec now;
   if (clockGetTime(CLOCK_BOOTTIME, &now) != 0) {
-    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "timeUntilNextCallback failed; clock_gettime(): %s", strerror(errno));
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "timeUntilNextCallback failed; clock_gettime(): %s",
+            strerror(errno));
     return -1;
   }
   timespec diff;

@@ -1,0 +1,57 @@
+// What a log call costs when its level is below the threshold, against calls that
+// pass and format into a log-print function that does nothing.
+#include <benchmark/benchmark.h>
+
+#include "NoxLog.h"
+
+namespace {
+
+int discard(int, const char*, const char*, ...) { return 0; }
+
+// Installs a logcat log that prints nowhere, at the daemon's default threshold.
+class QuietLog {
+ public:
+  QuietLog() : saved_(NoxMsg::nox_log_class_ptr), savedLevel_(NoxLog::logLevel) {
+    NoxLog::_libnoxlog_log_handle = discard;
+    NoxLog::logLevel = NOX_LOG_INFO;
+    NoxMsg::nox_log_class_ptr = &adb_;
+  }
+  ~QuietLog() {
+    NoxMsg::nox_log_class_ptr = saved_;
+    NoxLog::logLevel = savedLevel_;
+  }
+
+ private:
+  NoxLogAdb adb_;
+  NoxLog* const saved_;
+  const int savedLevel_;
+};
+
+void BM_DroppedCall(benchmark::State& state) {
+  QuietLog quiet;
+  int fd = 0;
+  for (auto _ : state) {
+    NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_COM, "Error while clearing the read buffer on fd %d", fd++);
+  }
+}
+BENCHMARK(BM_DroppedCall);
+
+void BM_PassingUntaggedCall(benchmark::State& state) {
+  QuietLog quiet;
+  int fd = 0;
+  for (auto _ : state) {
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_UNTAGGED, "Error while clearing the read buffer on fd %d", fd++);
+  }
+}
+BENCHMARK(BM_PassingUntaggedCall);
+
+void BM_PassingTaggedCall(benchmark::State& state) {
+  QuietLog quiet;
+  int fd = 0;
+  for (auto _ : state) {
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_COM, "Error while clearing the read buffer on fd %d", fd++);
+  }
+}
+BENCHMARK(BM_PassingTaggedCall);
+
+}  // namespace
