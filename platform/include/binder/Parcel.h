@@ -7,7 +7,10 @@
 //  - String16: int32 count of UTF-16 units (-1 for a null string), the units,
 //    a 0 unit, zero padding to a multiple of 4 bytes.
 // Reads never go past the end: a missing int reads as 0, a missing, negative or
-// oversized string reads as empty (null for readString16Inplace).
+// oversized string reads as empty (null for readString16Inplace). Writes go to the
+// current position, overwriting what is there, and extend the data as needed; a
+// Parcel stays below 2 GiB, and a write that would not fit returns NO_MEMORY and
+// writes nothing.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -24,13 +27,16 @@ class Parcel {
   Parcel(const Parcel&) = delete;
   Parcel& operator=(const Parcel&) = delete;
 
+  // Never null, even when empty.
   const uint8_t* data() const;
   size_t dataSize() const;
   size_t dataAvail() const;
   size_t dataPosition() const;
   // Positions past the end are clamped to the end.
   void setDataPosition(size_t pos) const;
-  // Replaces the content with a copy of `len` bytes and rewinds to 0.
+  // Replaces the content with a copy of `len` bytes and rewinds to 0. BAD_VALUE for
+  // a null buffer with len > 0 or len >= 2 GiB, NO_MEMORY if the copy cannot be made;
+  // the content is unchanged on failure.
   status_t setData(const uint8_t* buffer, size_t len);
   void freeData();
 
@@ -39,10 +45,12 @@ class Parcel {
   status_t writeString16(const char16_t* str, size_t len);
   status_t writeString16(const String16& str);
 
+  // Fewer than 4 bytes left: 0 (NOT_ENOUGH_DATA) and the position does not move.
   int32_t readInt32() const;
   status_t readInt32(int32_t* out) const;
   // Points into the Parcel's own buffer; null (and *outLen 0) for a null, negative,
-  // oversized or truncated string.
+  // oversized or truncated string, one without its 0 unit, or one at an odd position.
+  // After the count has been read, a bad string leaves the position just past it.
   const char16_t* readString16Inplace(size_t* outLen) const;
   String16 readString16() const;
 

@@ -2,7 +2,16 @@
 #define NOX_PLATFORM_CUTILS_PROPERTIES_H
 
 // Host stand-in for Android system properties: an in-process store, optionally
-// backed by a file of key=value lines (NOX_PROPERTY_FILE, or property_host_use_file).
+// backed by a file so that other processes (tools, tests) can see the values.
+//
+// Backing file: "key=value" lines, split at the first '=' with no trimming; blank
+// lines, lines starting with '#' and lines without a key are ignored. The first call
+// into this API reads the environment variable NOX_PROPERTY_FILE and, if it is set,
+// adopts that file as property_host_use_file() would (if it cannot be read, the
+// store stays memory only). Only that first call does:
+// after property_host_reset() or property_host_use_file() the variable is no longer
+// consulted, so a reset gives a clean memory-only store whatever the environment.
+// The file is read once, when adopted; later changes by other processes are not seen.
 
 #ifdef __cplusplus
 extern "C" {
@@ -13,17 +22,25 @@ extern "C" {
 
 // Copies the value (at most PROPERTY_VALUE_MAX - 1 bytes, always terminated) into
 // `value` and returns its length; an unset or empty property yields default_value
-// (or "" when that is null). Thread-safe.
+// (or "" when that is null), cut to PROPERTY_VALUE_MAX - 1 bytes. A null key
+// reads as unset. Thread-safe.
 int property_get(const char* key, char* value, const char* default_value);
 
-// Sets the property; with a backing file, rewrites it atomically (temporary file,
-// rename). Returns 0, or -1 for a null or too-long key or value.
+// Sets the property; with a backing file, rewrites the whole file atomically
+// (temporary file in the same directory, then rename). Returns 0, or -1 for a null
+// key or value, a value longer than PROPERTY_VALUE_MAX - 1 bytes, an empty key, a key
+// holding '=' or a newline, a value holding a newline, or a failed file write (the
+// store then keeps its old value). Keys are not limited to PROPERTY_KEY_MAX. Thread-safe.
 int property_set(const char* key, const char* value);
 
-// Host only. Empties the store and forgets the backing file (tests).
+// Host only (tests). Empties the store and forgets the backing file; the file itself
+// is left alone and NOX_PROPERTY_FILE is not read again.
 void property_host_reset(void);
-// Host only. Loads `path` (if it exists) into the store and makes it the backing
-// file of later sets; null means memory only. Returns 0, or -1 if it cannot be read.
+// Host only (the daemon's --props FILE). Replaces the store's content with that of
+// `path` and makes it the backing file of later sets; a missing file is an empty
+// store, created by the first set. Null or "" means memory only (the store is
+// emptied). Returns 0, or -1 if the file exists but cannot be read; the store is then
+// left as it was.
 int property_host_use_file(const char* path);
 
 #ifdef __cplusplus
