@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -21,6 +22,8 @@ struct Store {
   std::string path;  // empty: memory only
   bool envChecked = false;
 };
+
+std::atomic<property_host_watcher_fn> gWatcher{nullptr};
 
 // Never destroyed: other threads may still read properties while the process exits.
 Store& store() {
@@ -118,24 +121,38 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
   return static_cast<int>(len);
 }
 
+namespace {
+bool storeValue(const char* key, const char* value) {
+  Store& s = store();
+  std::lock_guard<std::mutex> guard(s.lock);
+  checkEnvOnce(s);
+  if (s.path.empty()) {
+    s.values[key] = value;
+    return true;
+  }
+  std::map<std::string, std::string> next = s.values;
+  next[key] = value;
+  if (!saveFile(s.path, next)) return false;
+  s.values.swap(next);
+  return true;
+}
+}  // namespace
+
 extern "C" int property_set(const char* key, const char* value) {
   // '=' and newlines would corrupt the backing file; a device refuses such names too.
   if (key == nullptr || value == nullptr || key[0] == '\0' || strpbrk(key, "=\n") != nullptr ||
       strchr(value, '\n') != nullptr || strlen(value) > kValueMax) {
     return -1;
   }
-  Store& s = store();
-  std::lock_guard<std::mutex> guard(s.lock);
-  checkEnvOnce(s);
-  if (s.path.empty()) {
-    s.values[key] = value;
-    return 0;
-  }
-  std::map<std::string, std::string> next = s.values;
-  next[key] = value;
-  if (!saveFile(s.path, next)) return -1;
-  s.values.swap(next);
+  if (!storeValue(key, value)) return -1;
+  // Outside the lock: the watcher may read properties itself.
+  property_host_watcher_fn watcher = gWatcher.load();
+  if (watcher != nullptr) watcher(key, value);
   return 0;
+}
+
+extern "C" void property_host_set_watcher(property_host_watcher_fn watcher) {
+  gWatcher.store(watcher);
 }
 
 extern "C" void property_host_reset(void) {

@@ -5,7 +5,7 @@
 #include <string>
 
 // Client message ids. The numbering is deliberate and not alphabetical.
-enum NoxMsgEnumType {
+enum NoxMsgEnumType : int {
   NOX_D_REQ_REQUEST_GET_APP_INFO_LIST = 0,
   NOX_S_REQ_GET_FEATURE_STATUS = 1,
   NOX_S_RSP_GET_FEATURE_STATUS = 2,
@@ -24,7 +24,7 @@ enum NoxMsgEnumType {
 };
 
 // Return codes; there is deliberately no 0, success is 1.
-enum NoxRetType {
+enum NoxRetType : int {
   NOX_RET_ERR_READING_FILE_STAT = -11,
   NOX_RET_PARSER_NO_MATCH = -10,
   NOX_RET_PARSER_VALIDATION_FAIL = -9,
@@ -40,7 +40,7 @@ enum NoxRetType {
   NOX_RET_PARSER_MATCH = 2,
 };
 
-enum NoxRatType {
+enum NoxRatType : int {
   NOX_RAT_WWAN = 0,
   NOX_RAT_WLAN = 1,
   NOX_RAT_ANY = 2,
@@ -49,7 +49,7 @@ enum NoxRatType {
 };
 
 // Radio technology; the gap from 16 to 19 is deliberate.
-enum NoxRatSubtype {
+enum NoxRatSubtype : int {
   NOX_RAT_SUBTYPE_UNKNOWN = 0,
   NOX_RAT_SUBTYPE_GPRS = 1,
   NOX_RAT_SUBTYPE_EDGE = 2,
@@ -70,7 +70,7 @@ enum NoxRatSubtype {
   NOX_RAT_SUBTYPE_WLAN_G = 21,
 };
 
-enum NoxNetworkStateEnumType {
+enum NoxNetworkStateEnumType : int {
   NOX_NW_STATE_CONNECTING = 0,
   NOX_NW_STATE_CONNECTED = 1,
   NOX_NW_STATE_SUSPENDED = 2,

@@ -43,6 +43,12 @@ void property_host_reset(void);
 // left as it was.
 int property_host_use_file(const char* path);
 
+// Host only. Calls `watcher` after every successful property_set, on the setting
+// thread, outside the store's lock; null removes it. The daemon uses it to carry
+// out "ctl.stop" as init would on a device.
+typedef void (*property_host_watcher_fn)(const char* key, const char* value);
+void property_host_set_watcher(property_host_watcher_fn watcher);
+
 #ifdef __cplusplus
 }
 #endif

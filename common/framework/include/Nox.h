@@ -1,0 +1,73 @@
+#ifndef NOX_H
+#define NOX_H
+
+#include <string>
+
+#include "EventDispatcher.h"
+#include "NoxCom.h"
+#include "NoxConfig.h"
+#include "NoxPermissions.h"
+#include "NoxTimer.h"
+#include "NoxUtils.h"
+
+// One client connection: owned by its NoxCom registration, created on accept and
+// freed by the close callback.
+struct NoxClientConn {
+  class Nox* nox;
+  struct RecordStream* stream;
+};
+
+// The daemon object: owns every long-lived part, loads the plug-ins, and runs the
+// loop. Plug-ins receive a Nox* and use its public members from the loop thread.
+class Nox : public INoxTimerMonitor {
+ public:
+  // Builds everything, loads the enabled plug-ins, and asks init to stop the
+  // service ("ctl.stop") when no feature is on. Runs on the constructing thread.
+  Nox();
+  ~Nox() override;
+  Nox(const Nox&) = delete;
+  Nox& operator=(const Nox&) = delete;
+
+  // Takes the control socket from ANDROID_SOCKET_noxd and loops for ever; aborts
+  // when the socket is missing or unusable.
+  void run();
+  // A new earliest timed callback: end the current wait so that it is recomputed.
+  void notifyDelayChange() override;
+  // A copy of the admission list (exits the process if it cannot be copied).
+  NoxPermissions getPermissions();
+
+  // Plug-in loading; a missing file or entry is logged and the daemon goes on.
+  void initFdMgr();
+  void initCtMgr();
+  void deinitFdMgr();
+  void deinitCtMgr();
+
+  // Loop-thread callbacks for the control socket and its clients.
+  static void listenSocketCallback(int fd, void* data);
+  static void processNoxEvent(int fd, void* data);
+  static void processNoxCloseEvent(int fd, void* data);
+  static void parcelAndDispatch(int fd, Nox* nox, void* data, unsigned int len);
+
+  // Host builds: directory of the plug-in shared objects (a build setting by
+  // default; the daemon's --plugin-dir). Set before constructing the Nox.
+  static std::string pluginDir;
+
+  // Declared first so that the feature mask is read before any member asks for it.
+  NoxConfig config;
+  EventDispatcher<NoxMsgEnumType> dispatcher;
+  NoxTimer timer;
+  NoxCom com;
+  NoxPermissions permissions;
+  void* fdMgrHandle;
+  void* ctMgrHandle;
+
+  static const char* const SOCKET_NAME_NOX;
+  static int noxSockFd;
+  static int count;
+
+ private:
+  [[noreturn]] static void fatal(const char* message);
+  void* loadPlugin(const char* file, const char* entry, const char* name);
+};
+
+#endif  // NOX_H

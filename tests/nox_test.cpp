@@ -1,0 +1,359 @@
+#include <cutils/properties.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Nox.h"
+#include "TestLog.h"
+
+namespace {
+
+std::string prop(const char* key) {
+  char value[PROPERTY_VALUE_MAX];
+  property_get(key, value, "");
+  return value;
+}
+
+std::unique_ptr<Nox> makeNox(const char* mask, const char* pluginSubdir = "full") {
+  property_host_reset();
+  property_set("persist.nox.feature", mask);
+  Nox::pluginDir = std::string(NOX_TEST_PLUGIN_DIR) + "/" + pluginSubdir;
+  return std::make_unique<Nox>();
+}
+
+class StartupTest : public ::testing::Test {
+ protected:
+  // Position of the first line containing `needle`, or -1.
+  int at(const std::string& needle) {
+    const auto lines = log_.lines();
+    for (size_t i = 0; i < lines.size(); ++i)
+      if (lines[i].text.find(needle) != std::string::npos) return static_cast<int>(i);
+    return -1;
+  }
+  LogCapture log_;
+};
+
+TEST_F(StartupTest, NoFeatureAsksInitToStopButStillConstructs) {
+  auto nox = makeNox("0");
+  EXPECT_TRUE(log_.has("|COMMON| None of the nox feature enabled, noxd shutting down"));
+  EXPECT_EQ("noxd", prop("ctl.stop"));
+  EXPECT_EQ(nullptr, nox->fdMgrHandle);
+  EXPECT_EQ(nullptr, nox->ctMgrHandle);
+}
+
+TEST_F(StartupTest, NsrmAloneLoadsNothingAndKeepsRunning) {
+  auto nox = makeNox("4");
+  EXPECT_EQ(-1, at("shutting down"));
+  EXPECT_EQ(-1, at("lib failed"));
+  EXPECT_EQ("", prop("ctl.stop"));
+  EXPECT_EQ(nullptr, nox->fdMgrHandle);
+  EXPECT_EQ(nullptr, nox->ctMgrHandle);
+  // The three switches are asked, in order.
+  const auto asked = log_.matching("NoxConfig::isEnabled: feature");
+  EXPECT_EQ((std::vector<std::string>{"|CONFIG| NoxConfig::isEnabled: feature 0",
+                                      "|CONFIG| NoxConfig::isEnabled: feature 1",
+                                      "|CONFIG| NoxConfig::isEnabled: feature 2"}),
+            asked);
+}
+
+TEST_F(StartupTest, BothPluginsLoadDescriptorManagerFirst) {
+  auto nox = makeNox("3");
+  const int fd = at("|TEST| init_fd_mgr called");
+  const int ct = at("|TEST| init_ct_mgr called");
+  ASSERT_GE(fd, 0);
+  ASSERT_GE(ct, 0);
+  EXPECT_LT(fd, ct);
+  EXPECT_NE(nullptr, nox->fdMgrHandle);
+  EXPECT_NE(nullptr, nox->ctMgrHandle);
+  // Each entry was handed this Nox and registered on its dispatcher.
+  EXPECT_EQ(2u, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
+  nox->deinitFdMgr();
+  nox->deinitCtMgr();
+  EXPECT_EQ(nullptr, nox->fdMgrHandle);
+  EXPECT_EQ(nullptr, nox->ctMgrHandle);
+}
+
+TEST_F(StartupTest, MissingOrIncompletePluginsAreWarnedAndSkipped) {
+  {
+    auto nox = makeNox("0x3", "ctonly");
+    EXPECT_TRUE(log_.has("|COMMON| loading fdmgr lib failed!!"));
+    EXPECT_GE(at("|TEST| init_ct_mgr called"), 0);
+    EXPECT_EQ(nullptr, nox->fdMgrHandle);
+    EXPECT_NE(nullptr, nox->ctMgrHandle);
+  }
+  log_.clear();
+  auto nox = makeNox("1", "noentry");
+  EXPECT_TRUE(log_.has("|COMMON| init fdmgr failed!!"));
+  EXPECT_NE(nullptr, nox->fdMgrHandle);  // kept open without its entry
+  EXPECT_EQ(-1, at("ctmgr"));
+}
+
+// run() failures end the process; their log goes to standard error.
+int printToStderr(int, const char*, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vfprintf(stderr, format, args);
+  va_end(args);
+  fputc('\n', stderr);
+  return 0;
+}
+
+void runWithSocketEnv(const char* value) {
+  NoxLog::_libnoxlog_log_handle = printToStderr;
+  NoxLogAdb adb;
+  NoxMsg::nox_log_class_ptr = &adb;
+  auto nox = makeNox("4");
+  if (value == nullptr)
+    unsetenv("ANDROID_SOCKET_noxd");
+  else
+    setenv("ANDROID_SOCKET_noxd", value, 1);
+  nox->run();
+}
+
+TEST(RunDeathTest, ControlSocketFromTheEnvironment) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(runWithSocketEnv(nullptr), "Critical Error, Aborting: Cannot get control socket");
+  EXPECT_DEATH(runWithSocketEnv("-1"), "Critical Error, Aborting: Cannot get control socket");
+  EXPECT_DEATH(runWithSocketEnv("99999999999999999999"),
+               "Critical Error, Aborting: Cannot get control socket");
+  // Trailing non-digits are ignored: the leading number is used (here a pipe, which
+  // cannot listen).
+  int p[2];
+  ASSERT_EQ(0, pipe(p));
+  const std::string trailing = std::to_string(p[0]) + "xyz";
+  EXPECT_DEATH(runWithSocketEnv(trailing.c_str()),
+               "Critical Error, Aborting: Cannot open control socket for listening");
+  close(p[0]);
+  close(p[1]);
+}
+
+// A real Nox serving a real listening socket; the test drives its loop one pass
+// at a time, so every step is deterministic.
+class ClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    NoxCom::setNoxClientFd(-1);
+    Nox::count = 0;
+    nox_ = makeNox("4");
+    char dir[] = "/tmp/noxtest-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    dir_ = dir;
+    path_ = dir_ + "/sock";
+    listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    sockaddr_un addr = address();
+    ASSERT_EQ(0, bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, listen(listenFd_, 128));
+    nox_->com.addComEventHandler(listenFd_, Nox::listenSocketCallback, nox_.get(), nullptr,
+                                 EPOLLIN | EPOLLHUP);
+    log_.clear();
+  }
+  void TearDown() override {
+    for (int fd : clients_) close(fd);
+    nox_->com.removeComEventHandler(listenFd_);
+    close(listenFd_);
+    unlink(path_.c_str());
+    rmdir(dir_.c_str());
+  }
+
+  sockaddr_un address() {
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path_.c_str());
+    return addr;
+  }
+  int connectClient() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr = address();
+    EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    clients_.push_back(fd);
+    return fd;
+  }
+  void pass() { nox_->com.processEvents(0, nox_->timer); }
+
+  // A record: big-endian length, then the little-endian int32s of the Parcel.
+  static std::vector<uint8_t> record(const std::vector<int32_t>& ints) {
+    std::vector<uint8_t> out(4);
+    for (int32_t v : ints)
+      for (int b = 0; b < 4; ++b) out.push_back(static_cast<uint8_t>(static_cast<uint32_t>(v) >> (8 * b)));
+    const uint32_t len = static_cast<uint32_t>(out.size() - 4);
+    for (int b = 0; b < 4; ++b) out[b] = static_cast<uint8_t>(len >> (8 * (3 - b)));
+    return out;
+  }
+  static void sendAll(int fd, const std::vector<uint8_t>& bytes) {
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
+  }
+  // Server side descriptor of the n-th admitted client, from its log line.
+  std::vector<int> admitted() {
+    std::vector<int> fds;
+    for (const auto& line : log_.matching("|COMMON| New client (fd:"))
+      fds.push_back(atoi(line.c_str() + strlen("|COMMON| New client (fd:")));
+    return fds;
+  }
+
+  struct Seen {
+    NoxMsgEnumType id;
+    bool hasData;
+    int firstInt;
+  };
+  static void recordEvent(NoxMsgEnumType id, const void* data, void* self) {
+    static_cast<ClientTest*>(self)->seen_.push_back(
+        {id, data != nullptr, data != nullptr ? *static_cast<const int*>(data) : 0});
+  }
+
+  LogCapture log_;
+  std::unique_ptr<Nox> nox_;
+  std::string dir_, path_;
+  int listenFd_ = -1;
+  std::vector<int> clients_;
+  std::vector<Seen> seen_;
+};
+
+TEST_F(ClientTest, SeveralClientsAreAdmittedInOneAcceptPass) {
+  connectClient();
+  connectClient();
+  pass();
+  EXPECT_EQ(2u, admitted().size());
+  for (int fd : admitted()) EXPECT_TRUE(NoxCom::isApprovedFd(fd));
+}
+
+TEST_F(ClientTest, RecordsAreDecodedAndDispatchedInOrder) {
+  nox_->dispatcher.regEventCallback(NOX_S_NOTIFY_SCREEN_STATE_CHG, recordEvent, this);
+  nox_->dispatcher.regEventCallback(NOX_S_RSP_GET_FEATURE_STATUS, recordEvent, this);
+  const int c = connectClient();
+  pass();
+  // Two records in one write, then one whose payload is only an id and a token.
+  std::vector<uint8_t> bytes = record({13, 7, 1, 0});
+  const auto second = record({13, 8, 2, 5, 6});
+  bytes.insert(bytes.end(), second.begin(), second.end());
+  sendAll(c, bytes);
+  sendAll(c, record({2, 9}));
+  pass();
+  ASSERT_EQ(3u, seen_.size());
+  EXPECT_EQ(0, seen_[0].firstInt);
+  EXPECT_EQ(5, seen_[1].firstInt);
+  EXPECT_EQ(NOX_S_RSP_GET_FEATURE_STATUS, seen_[2].id);
+  EXPECT_FALSE(seen_[2].hasData);
+  EXPECT_TRUE(log_.has(
+      "|COMMON| processing NOX event 'NOX_S_NOTIFY_SCREEN_STATE_CHG' (13) [token 7, count 0]"));
+  EXPECT_TRUE(log_.has(
+      "|COMMON| processing NOX event 'NOX_S_NOTIFY_SCREEN_STATE_CHG' (13) [token 8, count 1]"));
+  EXPECT_TRUE(log_.has("|COMMON| Nox does not recognize event '2'"));
+}
+
+TEST_F(ClientTest, UnknownIdsReachTheirHandlersWithoutPayload) {
+  nox_->dispatcher.regEventCallback(static_cast<NoxMsgEnumType>(99), recordEvent, this);
+  const int c = connectClient();
+  pass();
+  sendAll(c, record({99, 1, 4, 4}));
+  pass();
+  ASSERT_EQ(1u, seen_.size());
+  EXPECT_FALSE(seen_[0].hasData);
+  EXPECT_TRUE(log_.has("|COMMON| processing NOX event '' (99) [token 1, count 0]"));
+}
+
+TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
+  const int a = connectClient();
+  const int b = connectClient();
+  pass();
+  sendAll(a, record({8, 1}));
+  pass();
+  sendAll(b, record({8, 1}));
+  pass();
+  const auto fds = admitted();
+  ASSERT_EQ(2u, fds.size());
+  EXPECT_EQ(fds[1], NoxCom::getNoxClientFd());
+  EXPECT_TRUE(log_.has("|COMMON| NOXJ client is on descriptor " + std::to_string(fds[1])));
+  NoxCom::sendUnsolicitedMsg(0, NOX_D_REQ_REQUEST_GET_APP_INFO_LIST);
+  uint8_t buf[32];
+  EXPECT_EQ(12, recv(b, buf, sizeof(buf), MSG_DONTWAIT));
+  EXPECT_EQ(-1, recv(a, buf, sizeof(buf), MSG_DONTWAIT));
+}
+
+TEST_F(ClientTest, OversizedRecordEndsTheConnection) {
+  const int c = connectClient();
+  pass();
+  std::vector<uint8_t> big = record(std::vector<int32_t>(2049, 0));  // 8196 bytes
+  sendAll(c, big);
+  pass();  // the stream fills its buffer and waits for the rest
+  pass();  // then gives up on a record that can never fit
+  const int fd = admitted()[0];
+  EXPECT_TRUE(log_.has("|COMMON| file descriptor " + std::to_string(fd) + " is in error state"));
+  EXPECT_TRUE(log_.has("|GENERIC| Error: cannot get next record"));
+  EXPECT_FALSE(NoxCom::isApprovedFd(fd));
+  char byte;
+  EXPECT_GE(0, read(c, &byte, 1));  // the daemon closed its end (unread data: a reset)
+}
+
+TEST_F(ClientTest, PeerClosingMidRecordIsDroppedWithoutDispatch) {
+  nox_->dispatcher.regEventCallback(NOX_S_NOTIFY_SCREEN_STATE_CHG, recordEvent, this);
+  const int c = connectClient();
+  pass();
+  std::vector<uint8_t> bytes = record({13, 1, 1, 1});
+  bytes.resize(bytes.size() - 3);
+  sendAll(c, bytes);
+  close(c);
+  clients_.clear();
+  pass();
+  EXPECT_TRUE(seen_.empty());
+  EXPECT_FALSE(NoxCom::isApprovedFd(admitted()[0]));
+}
+
+TEST_F(ClientTest, HalfClosedClientIsEndedAndCostsNothingAfterwards) {
+  const int c = connectClient();
+  pass();
+  ASSERT_EQ(0, shutdown(c, SHUT_WR));
+  pass();
+  const int fd = admitted()[0];
+  EXPECT_TRUE(log_.has("|COMMON| end of stream"));
+  EXPECT_FALSE(NoxCom::isApprovedFd(fd));
+  char byte;
+  EXPECT_EQ(0, read(c, &byte, 1));
+  log_.clear();
+  pass();
+  EXPECT_EQ(0, log_.count("file descriptor(s) with events pending"));
+}
+
+TEST_F(ClientTest, ClientRefusedByGroupIdIsClosedAndTheNextOneAdmitted) {
+  if (geteuid() != 0) GTEST_SKIP() << "changing a process's group id needs root";
+  int ready[2];
+  ASSERT_EQ(0, pipe(ready));
+  const pid_t child = fork();
+  if (child == 0) {
+    // A peer in group 1001, which is not on the list.
+    if (setgid(1001) != 0) _exit(3);
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr = address();
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) _exit(4);
+    if (write(ready[1], "x", 1) != 1) _exit(5);
+    char byte;
+    _exit(read(fd, &byte, 1) == 0 ? 0 : 6);  // ends when the daemon closes it
+  }
+  char byte;
+  ASSERT_EQ(1, read(ready[0], &byte, 1));
+  connectClient();  // waits in the backlog behind the refused one
+  pass();
+  EXPECT_TRUE(log_.has("|COMMON| Detected unacceptable application."));
+  EXPECT_EQ(1, log_.count("|COMMON| Closing client fd: "));
+  EXPECT_TRUE(admitted().empty());
+  pass();
+  EXPECT_EQ(1u, admitted().size());
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  close(ready[0]);
+  close(ready[1]);
+}
+
+}  // namespace

@@ -1,0 +1,15 @@
+// A stand-in plug-in: its entry logs that it ran and registers a handler, so a
+// test can see the load order and that it received the daemon object.
+#include "Nox.h"
+#include "NoxLog.h"
+
+#ifdef NOX_TEST_ENTRY
+namespace {
+void onInitDone(NoxMsgEnumType, const void*, void*) {}
+}  // namespace
+
+extern "C" void NOX_TEST_ENTRY(Nox* nox) {
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_TEST, "%s called", NOX_TEST_ENTRY_NAME);
+  nox->dispatcher.regEventCallback(NOX_S_NOTIFY_INIT_DONE, onInitDone, nullptr);
+}
+#endif
