@@ -16,9 +16,10 @@ build: deps
 test-unit: build
 	cd build && ctest -j$(JOBS) --output-on-failure
 
-# Every test again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Every test again under AddressSanitizer and UndefinedBehaviorSanitizer, built with
+# clang so that both compilers see the code warning-free.
 test-asan: deps
-	cmake -S . -B build-asan -G Ninja -DNOX_SANITIZE=address,undefined -DNOX_BUILD_BENCH=OFF >/dev/null
+	CC=clang CXX=clang++ cmake -S . -B build-asan -G Ninja -DNOX_SANITIZE=address,undefined -DNOX_BUILD_BENCH=OFF >/dev/null
 	ninja -C build-asan -j$(JOBS)
 	cd build-asan && ctest -j$(JOBS) --output-on-failure
 
