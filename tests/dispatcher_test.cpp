@@ -9,7 +9,7 @@
 
 namespace {
 
-enum Ev { A = 1, B = 2 };
+enum Ev : int { A = 1, B = 2 };
 
 // Each handler is a small script: it records its name, then runs its action.
 struct Handler;

@@ -159,6 +159,12 @@ class ClientTest : public ::testing::Test {
     log_.clear();
   }
   void TearDown() override {
+    // The daemon never ends its clients on its own; release what it still holds.
+    for (int fd : admitted()) {
+      if (!NoxCom::isApprovedFd(fd)) continue;
+      nox_->com.removeComEventHandler(fd);
+      close(fd);
+    }
     for (int fd : clients_) close(fd);
     nox_->com.removeComEventHandler(listenFd_);
     close(listenFd_);
