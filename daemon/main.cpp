@@ -127,6 +127,8 @@ int main(int argc, char** argv) {
     setenv("ANDROID_SOCKET_noxd", std::to_string(fd).c_str(), 1);
   }
 
+  // The daemon's own threshold filters; liblog passes whatever reaches it.
+  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
   NoxLog::_libnoxlog_log_handle = __android_log_print;
   NoxMsg::nox_log_class_ptr = new NoxLogAdb();  // lives for the whole process
   NoxLog::logLevel = logLevel >= 0 ? logLevel : NoxLog::getPropertyValue();

@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# noxctl against a running noxd: every message noxctl sends is dispatched with its
+# name, id and running count, and `listen` receives what noxd sends to the
+# framework client.
+set -euo pipefail
+noxd=$1
+noxctl=$2
+dir=$(mktemp -d /tmp/noxd-e2e.XXXXXX)
+pids=()
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  rm -rf "$dir"
+}
+trap cleanup EXIT
+[ -n "${NOX_E2E_KEEP:-}" ] && trap - EXIT
+fail() {
+  echo "FAIL: $*" >&2
+  echo "--- daemon log" >&2
+  cat "$dir/log" >&2
+  exit 1
+}
+# Waits (up to 10 s) until the log holds the fixed text $1.
+wait_log() {
+  for _ in $(seq 1 200); do
+    grep -qF -- "$1" "$dir/log" && return 0
+    sleep 0.05
+  done
+  fail "no '$1' in the log"
+}
+ctl() { "$noxctl" --socket "$dir/sock" "$@"; }
+
+echo "persist.nox.feature=4" >"$dir/prop"
+"$noxd" --socket "$dir/sock" --props "$dir/prop" --log-level 0 2>"$dir/log" &
+pids+=($!)
+wait_log "Control socket is ready"
+
+ctl listen >"$dir/listen" &
+pids+=($!)
+wait_log "NOXJ client is on descriptor"
+
+ctl screen 0
+ctl tethering 1
+ctl wlan 1 1 0
+ctl wwan --type 0 --status 4 --iface mdlnk9 --mccmnc 310260
+ctl nsrm-bkg 1 2 3
+ctl nsrm-config 5
+ctl apps add 10050:com.a:1f:2a 10051:com.b
+ctl raw 2 7
+ctl raw 3 2 2 2 # sets the NSRM preference without announcing: the reply goes to `listen`
+
+expected=(
+  "'NOX_S_NOTIFY_INIT_DONE' (8) [token 1, count 0]"
+  "'NOX_S_NOTIFY_SCREEN_STATE_CHG' (13) [token 1, count 1]"
+  "'NOX_S_NOTIFY_TETHERING_STATE_CHG' (14) [token 1, count 2]"
+  "'NOX_S_NOTIFY_WLAN_STATE_CHG' (9) [token 1, count 3]"
+  "'NOX_S_NOTIFY_WWAN_STATE_CHG' (10) [token 1, count 4]"
+  "'NOX_S_NOTIFY_NSRM_BKG_EVT_STATE_CHG' (11) [token 1, count 5]"
+  "'NOX_S_RSP_REFRESH_NSRM_CONFIG' (6) [token 1, count 6]"
+  "'NOX_S_NOTIFY_APP_INFO_LIST_CHG' (12) [token 1, count 7]"
+  "'NOX_S_RSP_GET_FEATURE_STATUS' (2) [token 1, count 8]"
+  "'NOX_S_REQ_SET_FEATURE_PREF' (3) [token 1, count 9]"
+)
+for e in "${expected[@]}"; do wait_log "processing NOX event $e"; done
+wait_log "Nox does not recognize event '2'"
+
+for _ in $(seq 1 200); do
+  grep -qx "feature 2 status 2 result 0" "$dir/listen" && break
+  sleep 0.05
+done
+grep -qx "feature 2 status 2 result 0" "$dir/listen" || fail "listen got: $(cat "$dir/listen")"
+grep -qx "persist.sys.noxd.nsrm=2" "$dir/prop" || fail "property file: $(cat "$dir/prop")"
+echo "1 passed, 0 failed"
