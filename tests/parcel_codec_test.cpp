@@ -9,28 +9,35 @@
 
 namespace {
 
-// Parcel bytes by hand: little-endian int32s; a String16 is its unit count, the
-// units, a 0 unit and zero padding to 4 bytes.
+// Parcel bytes by hand: little-endian int32s; a String16 is its unit count, the units,
+// a 0 unit and zero padding to 4 bytes.
 struct Wire {
-  std::vector<uint8_t> bytes;
+  std::vector<uint8_t> b;
   Wire& i32(int32_t v) {
-    for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint32_t>(v) >> shift);
+    for (int shift = 0; shift < 32; shift += 8) b.push_back(static_cast<uint32_t>(v) >> shift);
     return *this;
   }
   Wire& str(const std::u16string& s) {
     i32(static_cast<int32_t>(s.size()));
-    for (char16_t c : s) bytes.insert(bytes.end(), {uint8_t(c & 0xff), uint8_t(c >> 8)});
-    bytes.insert(bytes.end(), {0, 0});
-    while (bytes.size() % 4 != 0) bytes.push_back(0);
+    for (char16_t c : s) b.insert(b.end(), {uint8_t(c & 0xff), uint8_t(c >> 8)});
+    b.resize((b.size() + 5) & ~size_t{3});
     return *this;
   }
   Wire& app(const std::u16string& pkg, uint32_t uid) { return str(pkg).i32(uid).str(u"a"); }
-  Wire& wwanInts() { return i32(1).i32(2).i32(13).i32(0).i32(5); }
 };
+Wire wwan(std::initializer_list<std::u16string> strings) {
+  Wire w = Wire().i32(1).i32(2).i32(13).i32(0).i32(5);
+  for (const auto& s : strings) w.str(s);
+  return w;
+}
 
 class ParcelCodecTest : public ::testing::Test {
  protected:
-  void load(const Wire& w) { ASSERT_EQ(android::OK, p.setData(w.bytes.data(), w.bytes.size())); }
+  template <typename T>
+  void decode(const Wire& w, T& out) {
+    ASSERT_EQ(android::OK, p.setData(w.b.data(), w.b.size()));
+    NoxParcel::unparcel(p, out);
+  }
   std::vector<uint8_t> written() const { return {p.data(), p.data() + p.dataSize()}; }
   bool logged(const std::string& text) const { return log.has("|COMMON:COM| " + text); }
 
@@ -38,109 +45,83 @@ class ParcelCodecTest : public ::testing::Test {
   android::Parcel p;
 };
 
-TEST_F(ParcelCodecTest, IntListLimits) {
-  Wire over;
-  over.i32(101);
-  for (int i = 0; i < 101; ++i) over.i32(500 + i);
-  load(over);
+TEST_F(ParcelCodecTest, IntListLimitsAndFeatureInfoCount) {
   std::vector<int> list = {7, 8};
-  NoxParcel::unparcel(p, list);
+  Wire over = Wire().i32(101), full = Wire().i32(100);
+  for (int i = 1; i <= 101; ++i) over.i32(i), full.i32(-i);  // full: 100 values and one more
+  decode(over, list);
   EXPECT_EQ((std::vector<int>{7, 8}), list);
-  EXPECT_EQ(500, p.readInt32());  // none of the values consumed
+  EXPECT_EQ(1, p.readInt32());  // none of the values consumed
   EXPECT_TRUE(logged("Parcel ints 101 greater than allowed 100"));
-
-  Wire full;
-  full.i32(100);
-  for (int i = 0; i < 100; ++i) full.i32(-i);
-  load(full.i32(4242));
-  NoxParcel::unparcel(p, list);
+  decode(full, list);
   ASSERT_EQ(100u, list.size());
-  EXPECT_EQ(-99, list.back());
-  EXPECT_EQ(4242, p.readInt32());
-
+  EXPECT_EQ(-100, list.back());
+  EXPECT_EQ(-101, p.readInt32());
   for (int count : {0, -3}) {
-    load(Wire().i32(count).i32(9));
-    NoxParcel::unparcel(p, list);
+    decode(Wire().i32(count).i32(9), list);
     EXPECT_TRUE(list.empty());
     EXPECT_EQ(9, p.readInt32());
   }
-}
 
-TEST_F(ParcelCodecTest, FeatureInfoStatusOnlyWithCountTwo) {
   NoxFeatureInfoType info = {0, 77};
-  load(Wire().i32(1).i32(2).i32(3));
-  NoxParcel::unparcel(p, info);
+  decode(Wire().i32(1).i32(2).i32(3), info);  // count 1: the status is not read
   EXPECT_EQ(2, info.featureId);
   EXPECT_EQ(77, info.featureStatus);
   EXPECT_EQ(3, p.readInt32());
-  load(Wire().i32(2).i32(4).i32(1));
-  NoxParcel::unparcel(p, info);
-  EXPECT_EQ(4, info.featureId);
+  decode(Wire().i32(2).i32(4).i32(1), info);
   EXPECT_EQ(1, info.featureStatus);
 }
 
 TEST_F(ParcelCodecTest, WwanStringMustBeStrictlyShorterThanItsField) {
   NoxWwanInfoType info;
   memset(&info, 'x', sizeof(info));
-  load(Wire().wwanInts().str(u"10.0.0.1").str(u"mdlnk_rmnet0123").str(u"fe80::1")
-           .str(u"mdlnk_rmnet01234").str(u"310260"));
-  NoxParcel::unparcel(p, info);
-  EXPECT_EQ(13, info.nwType);
+  decode(wwan({u"10.0.0.1", u"mdlnk_rmnet0123", u"fe80::1", u"mdlnk_rmnet01234", u"310260"}), info);
   EXPECT_STREQ("mdlnk_rmnet0123", info.ifaceV4);  // 15 units
   EXPECT_STREQ("", info.ifaceV6);                 // 16 units
   EXPECT_STREQ("310260", info.mccmnc);
   EXPECT_TRUE(logged("source (length: 16) is longer than dest (length: 16)"));
-  EXPECT_TRUE(logged("     data: type:1 status:2 nwType:13 roaming:0 apn:5 ipV4:10.0.0.1 "
-                     "ifaceV4:mdlnk_rmnet0123 ipV6:fe80::1 ifaceV6: mccmnc = 310260"));
+  EXPECT_TRUE(
+      logged("     data: type:1 status:2 nwType:13 roaming:0 apn:5 ipV4:10.0.0.1 "
+             "ifaceV4:mdlnk_rmnet0123 ipV6:fe80::1 ifaceV6: mccmnc = 310260"));
 
-  load(Wire().wwanInts().str(u"").str(std::u16string(15, u'\u00e9')).str(u"").str(u"").str(u"3102601"));
-  NoxParcel::unparcel(p, info);
-  EXPECT_STREQ("", info.mccmnc);
   // 15 units of U+00E9 are 30 bytes of UTF-8: cut at 15, mid-character.
-  EXPECT_EQ(15u, strlen(info.ifaceV4));
-  EXPECT_EQ(0, memcmp("\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3", info.ifaceV4, 16));
+  decode(wwan({u"", std::u16string(15, u'\u00e9'), u"", u"", u"3102601"}), info);
+  EXPECT_STREQ("", info.mccmnc);
+  EXPECT_EQ(
+      0, memcmp("\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3", info.ifaceV4, 16));
 }
 
-TEST_F(ParcelCodecTest, AppListOrderedByUnsignedUidWithDuplicatesInArrivalOrder) {
-  load(Wire().i32(0).i32(4).app(u"big", 0xfffffff0u).app(u"first", 10005).app(u"second", 10005)
-           .app(u"small", 3));
-  NoxAppInfoMsgDataType msg;
-  NoxParcel::unparcel(p, msg);
+TEST_F(ParcelCodecTest, AppListOrderAndCount) {
+  NoxAppInfoMsgDataType msg, capped, wrapped;
+  Wire w = Wire().i32(0).i32(4).app(u"big", 0xfffffff0u).app(u"first", 10005);
+  decode(w.app(u"second", 10005).app(u"small", 3), msg);
   std::vector<std::string> order;
   for (const NoxAppInfoType& a : msg.apps) order.push_back(a.pkg_name);
   EXPECT_EQ((std::vector<std::string>{"small", "first", "second", "big"}), order);
-}
 
-TEST_F(ParcelCodecTest, AppListCountCappedAndTruncatedTo16Bits) {
-  Wire w;
-  w.i32(1).i32(501);
-  for (int i = 0; i < 501; ++i) w.app(i < 500 ? u"p" : u"tail", i);
-  load(w);
-  NoxAppInfoMsgDataType msg;
-  NoxParcel::unparcel(p, msg);
-  EXPECT_EQ(500, msg.numApps);
-  EXPECT_EQ(500u, msg.apps.size());
+  Wire many = Wire().i32(1).i32(501);
+  for (int i = 0; i < 501; ++i) many.app(i < 500 ? u"p" : u"tail", i);
+  decode(many, capped);
+  EXPECT_EQ(500, capped.numApps);
+  EXPECT_EQ(500u, capped.apps.size());
   EXPECT_EQ(4, p.readInt32());  // the 501st entry, "tail", is left unread
-  EXPECT_TRUE(log.has("|COMMON:COM| API info results (501) is greater than NOX_MAX_APPLIST_SIZE (500)"));
-
-  NoxAppInfoMsgDataType one;
-  load(Wire().i32(0).i32(65537).app(u"only", 1).app(u"never", 2));
-  NoxParcel::unparcel(p, one);
-  EXPECT_EQ(1, one.numApps);
-  EXPECT_EQ(1u, one.apps.size());
+  EXPECT_TRUE(logged("API info results (501) is greater than NOX_MAX_APPLIST_SIZE (500)"));
+  decode(Wire().i32(0).i32(65537).app(u"only", 1).app(u"never", 2), wrapped);
+  EXPECT_EQ(1, wrapped.numApps);
+  EXPECT_EQ(1u, wrapped.apps.size());
 }
 
 TEST_F(ParcelCodecTest, ShortParcelYieldsZeros) {
   _WlanInfo wlan = {9, 9, 9};
-  NoxParcel::unparcel(p, wlan);
-  EXPECT_EQ(0, wlan.type | wlan.status | wlan.softAp);
   NoxWwanInfoType wwan;
   memset(&wwan, 'x', sizeof(wwan));
-  NoxParcel::unparcel(p, wwan);
+  std::string s = "old";
+  decode(Wire(), wlan);
+  decode(Wire(), wwan);
+  decode(Wire(), s);
+  EXPECT_EQ(0, wlan.type | wlan.status | wlan.softAp);
   EXPECT_EQ(0, wwan.apn);
   EXPECT_STREQ("", wwan.ipV4);
-  std::string s = "old";
-  NoxParcel::unparcel(p, s);
   EXPECT_EQ("", s);
 }
 
@@ -149,20 +130,19 @@ TEST_F(ParcelCodecTest, EncodersWriteExactLayouts) {
   apps.action = NOX_PKG_ACTION_ADD;
   apps.numApps = 3;
   for (uint32_t uid : {1u, 2u, 3u}) apps.apps.insert(NoxAppInfoType{"pkg", uid, "name"});
-  NoxParcel::parcel(apps, p);
-  EXPECT_EQ((std::vector<uint8_t>{3, 0, 0, 0}), written());
-
-  p.freeData();
+  NoxParcel::parcel(apps, p);  // the count alone
   NoxParcel::parcel(NoxFeatureInfoType{2, 1}, p);
   NoxParcel::parcel(NoxFeatureRespType{2, 3, -1}, p);
   NoxParcel::parcel(NoxNsrmBlockedUidType{0x01020304, 1}, p);
   NoxParcel::parcel(NoxPolicyUpdateRespType{5, 6}, p);
   NoxParcel::writeStringToParcel(p, "a\xc3\xa9");
-  EXPECT_EQ((std::vector<uint8_t>{2, 0, 0, 0, 1, 0, 0, 0,                              // feature info
-                                  2, 0, 0, 0, 3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff,      // response
-                                  4, 3, 2, 1, 1, 0, 0, 0, 5, 0, 0, 0, 6, 0, 0, 0,      // uid, policy
-                                  2, 0, 0, 0, 'a', 0, 0xe9, 0, 0, 0, 0, 0}),           // "aé"
+  // clang-format off
+  EXPECT_EQ((std::vector<uint8_t>{3, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0,           // apps, feature
+                                  2, 0, 0, 0, 3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff,  // response
+                                  4, 3, 2, 1, 1, 0, 0, 0, 5, 0, 0, 0, 6, 0, 0, 0,  // uid, policy
+                                  2, 0, 0, 0, 'a', 0, 0xe9, 0, 0, 0, 0, 0}),       // "aé"
             written());
+  // clang-format on
   EXPECT_TRUE(logged("parceled: feature id: 2, feature status: 3, result code: -1"));
 }
 

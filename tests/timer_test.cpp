@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,84 +14,58 @@
 
 namespace {
 
-// The fake boot-time clock every test runs on.
-timespec gNow;
+long long gNowNs;  // the fake boot-time clock every test runs on
 bool gClockFails;
 clockid_t gClockId;
+std::string gTrace;
 
 int fakeClock(clockid_t id, timespec* now) {
   gClockId = id;
-  if (gClockFails) {
-    errno = EINVAL;
-    return -1;
-  }
-  *now = gNow;
+  if (gClockFails) return errno = EINVAL, -1;
+  *now = {static_cast<time_t>(gNowNs / 1000000000), static_cast<long>(gNowNs % 1000000000)};
   return 0;
 }
 
-struct CountingMonitor : INoxTimerMonitor {
-  void notifyDelayChange() override { ++notified; }
-  int notified = 0;
+// Appends its name to the trace, runs its action, returns the next scripted value or -1.
+struct Probe {
+  char name;
+  std::deque<int> returns;
+  std::function<void()> action;
 };
+int run(void* data) {
+  Probe& p = *static_cast<Probe*>(data);
+  gTrace += p.name;
+  if (p.action) p.action();
+  const int ret = p.returns.empty() ? -1 : p.returns.front();
+  if (!p.returns.empty()) p.returns.pop_front();
+  return ret;
+}
 
-// Exposes the id counter so that the wrap can be reached without 2^31 calls.
-struct TestTimer : NoxTimer {
+struct TestTimer : NoxTimer {  // exposes the id counter for the wrap
   using NoxTimer::lastTimerId;
   using NoxTimer::NoxTimer;
 };
 
-class TimerTest : public ::testing::Test {
+class TimerTest : public ::testing::Test, public INoxTimerMonitor {
  protected:
-  // A callback that records its name, runs an optional action, then returns the
-  // next scripted value (-1 once the script is used up).
-  struct Probe {
-    TimerTest* test;
-    std::string name;
-    std::deque<int> returns;
-    std::function<void()> action;
-  };
-
-  void SetUp() override {
+  TimerTest() {
     NoxTimer::clockGetTime = fakeClock;
-    gNow = {1000, 500000000};
-    gClockFails = false;
+    gNowNs = 999740000000, gClockFails = false, gTrace.clear();
   }
-  void TearDown() override { NoxTimer::clockGetTime = ::clock_gettime; }
+  ~TimerTest() override { NoxTimer::clockGetTime = ::clock_gettime; }
+  void notifyDelayChange() override { ++notified; }
 
-  static int run(void* data) {
-    Probe* p = static_cast<Probe*>(data);
-    p->test->trace.push_back(p->name);
-    if (p->action) p->action();
-    if (p->returns.empty()) return -1;
-    const int ret = p->returns.front();
-    p->returns.pop_front();
-    return ret;
+  int add(long long delayMs, char name, std::deque<int> returns = {}) {
+    probes[name] = {name, std::move(returns), nullptr};
+    return timer.addTimedCallback(delayMs, run, &probes[name]);
   }
-
-  Probe& probe(const std::string& name, std::deque<int> returns = {}) {
-    probes.push_back({this, name, std::move(returns), nullptr});
-    return probes.back();
+  // Moves the clock on, runs what is due, then checks all that ran so far and the next wait.
+  void step(long us, const std::string& ran, int wait) {
+    gNowNs += us * 1000;
+    timer.processEvents();
+    EXPECT_EQ(ran, gTrace);
+    EXPECT_EQ(wait, timer.timeUntilNextEvent());
   }
-  int add(long long delayMs, Probe& p) { return timer.addTimedCallback(delayMs, run, &p); }
-
-  // Moves the clock on by whole and fractional milliseconds.
-  void advanceUs(long us) {
-    gNow.tv_nsec += us * 1000;
-    gNow.tv_sec += gNow.tv_nsec / 1000000000;
-    gNow.tv_nsec %= 1000000000;
-  }
-  void advanceMs(long ms) { advanceUs(ms * 1000); }
-
-  // The description the log must show for an event.
-  static std::string described(int id, const Probe& p, long delay, long sec, long nsec) {
-    char text[256];
-    snprintf(text, sizeof(text),
-             "TimedEvent id:%d callback:%p data:%p delay:%ldms time: %ld.%06ld (Epoch)", id,
-             reinterpret_cast<void*>(&run), static_cast<const void*>(&p), delay, sec, nsec);
-    return text;
-  }
-
-  // Priority of the first line containing `needle`, or -1.
   int priorityOf(const std::string& needle) const {
     for (const auto& l : log.lines())
       if (l.text.find(needle) != std::string::npos) return l.priority;
@@ -97,197 +73,109 @@ class TimerTest : public ::testing::Test {
   }
 
   LogCapture log;
-  CountingMonitor monitor;
-  TestTimer timer{&monitor};
-  std::deque<Probe> probes;  // deque: callbacks keep pointers into it
-  std::vector<std::string> trace;
+  int notified = 0;
+  TestTimer timer{this};
+  std::map<char, Probe> probes;  // callbacks keep pointers into it
 };
 
-TEST_F(TimerTest, NothingPendingMeansWaitWithoutLimit) {
-  EXPECT_EQ(-1, timer.timeUntilNextEvent());
-  timer.processEvents();
-  EXPECT_TRUE(trace.empty());
-}
-
 TEST_F(TimerTest, RunsInDueOrderAndWakesTheLoopOnlyForANewEarliest) {
-  add(100, probe("a"));
-  EXPECT_EQ(1, monitor.notified);
-  add(50, probe("b"));
-  EXPECT_EQ(2, monitor.notified);
-  add(75, probe("c"));
-  EXPECT_EQ(2, monitor.notified);
-  EXPECT_EQ(CLOCK_BOOTTIME, gClockId);
-
-  EXPECT_EQ(50, timer.timeUntilNextEvent());
-  advanceMs(50);
-  timer.processEvents();
-  EXPECT_EQ(std::vector<std::string>{"b"}, trace);
-  advanceMs(50);
-  timer.processEvents();
-  EXPECT_EQ((std::vector<std::string>{"b", "c", "a"}), trace);
   EXPECT_EQ(-1, timer.timeUntilNextEvent());
+  EXPECT_EQ(-1, timer.addTimedCallback(10, nullptr, nullptr));
+  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; cannot have NULL callback function"));
+  add(100, 'a');
+  EXPECT_EQ(1, notified);
+  add(50, 'b');
+  add(75, 'c');
+  EXPECT_EQ(2, notified);
+  EXPECT_EQ(CLOCK_BOOTTIME, gClockId);
+  log.clear();
+  timer.log();
+  EXPECT_EQ((std::vector<std::string>{"|COMMON:COM| NoxTimer " + std::string(43, '*'),
+                                      "|COMMON:COM|     items queued: 3",
+                                      "|COMMON:COM|     next item in: 50ms"}),
+            log.matching(""));
+  EXPECT_EQ(3, log.lines()[2].priority);
+  step(50000, "b", 25);
+  step(50000, "bca", -1);
 }
 
-TEST_F(TimerTest, PositiveReturnRearmsWithTheNewDelay) {
-  Probe& p = probe("p", {250});
-  const int id = add(10, p);
-  advanceMs(10);
-  timer.processEvents();
-  EXPECT_EQ(250, timer.timeUntilNextEvent());
-  EXPECT_TRUE(log.has("|COMMON:COM| Re-entering timed callback - " +
-                      described(id, p, 250, 1000, 760000000)));
-}
-
-TEST_F(TimerTest, ZeroReturnKeepsThePreviousDelay) {
-  add(40, probe("p", {0}));
-  advanceMs(40);
-  timer.processEvents();
-  EXPECT_EQ(40, timer.timeUntilNextEvent());
-}
-
-TEST_F(TimerTest, InvalidNegativeReturnWarnsAndKeepsTheDelay) {
-  add(40, probe("p", {-5}));
-  advanceMs(40);
-  timer.processEvents();
-  EXPECT_EQ(40, timer.timeUntilNextEvent());
-  const auto lines = log.matching("Invalid delay");
-  ASSERT_EQ(1u, lines.size());
-  EXPECT_EQ("|COMMON:COM| Invalid delay (-5), using 40 instead", lines[0]);
+TEST_F(TimerTest, ReturnValueSetsTheNextDelay) {
+  const int id = add(10, 'p', {250, 0, -5});
+  step(10000, "p", 250);  // 250: due 250 ms after it ran (1000.000), and stored
+  char text[256];
+  snprintf(text, sizeof(text),
+           "|COMMON:COM| Re-entering timed callback - TimedEvent id:%d callback:%p data:%p "
+           "delay:250ms time: 1000.000000 (Epoch)",
+           id, reinterpret_cast<void*>(&run), static_cast<void*>(&probes['p']));
+  EXPECT_TRUE(log.has(text));
+  step(250000, "pp", 250);   // 0: the stored delay again
+  step(250000, "ppp", 250);  // -5: invalid, warned, the stored delay again
+  EXPECT_EQ(std::vector<std::string>{"|COMMON:COM| Invalid delay (-5), using 250 instead"},
+            log.matching("Invalid delay"));
   EXPECT_EQ(5, priorityOf("Invalid delay"));
 }
 
-TEST_F(TimerTest, RemovalKeepsTheOthersInDueOrder) {
-  add(30, probe("a"));
-  const int victim = add(10, probe("b"));
-  add(20, probe("c"));
-  add(5, probe("d"));
-  const int notified = monitor.notified;
+TEST_F(TimerTest, RemovalKeepsTheOthersInDueOrderAndCannotStopARunningCallback) {
+  add(30, 'a');
+  const int victim = add(10, 'b'), self = add(20, 'c', {40});
+  add(5, 'd');
+  const int before = notified;
   log.clear();
   timer.removeTimedCallback(12345);
   EXPECT_TRUE(log.lines().empty());
   timer.removeTimedCallback(victim);
   EXPECT_EQ(1,
             log.count("Removing timed callback - TimedEvent id:" + std::to_string(victim) + " "));
-  EXPECT_EQ(notified, monitor.notified);
-
-  advanceMs(100);
-  timer.processEvents();
-  EXPECT_EQ((std::vector<std::string>{"d", "c", "a"}), trace);
-}
-
-TEST_F(TimerTest, CallbackCannotCancelItsOwnRearmButCanCancelOthers) {
-  Probe& self = probe("self", {30});
-  Probe& other = probe("other");
-  const int selfId = add(10, self);
-  const int otherId = add(20, other);
-  self.action = [&] {
-    timer.removeTimedCallback(selfId);
-    timer.removeTimedCallback(otherId);
+  EXPECT_EQ(before, notified);
+  const int other = add(25, 'e');
+  probes['c'].action = [&] {
+    timer.removeTimedCallback(self);
+    timer.removeTimedCallback(other);
   };
-  advanceMs(10);
-  timer.processEvents();
-  EXPECT_EQ(30, timer.timeUntilNextEvent());
-  advanceMs(30);
-  timer.processEvents();
-  EXPECT_EQ((std::vector<std::string>{"self", "self"}), trace);
+  step(30000, "dca", 40);  // e removed by c; c re-armed although it removed itself
+  step(40000, "dcac", -1);
 }
 
 TEST_F(TimerTest, IdsWrapToOneAfterTheLargest) {
   timer.lastTimerId = 0x7ffffffd;
   EXPECT_EQ(0x7ffffffe, timer.getNextTimerId());
-  EXPECT_EQ(1, add(10, probe("a")));
+  EXPECT_EQ(1, add(10, 'a'));
   EXPECT_EQ(2, timer.getNextTimerId());
 }
 
-TEST_F(TimerTest, WaitIsRoundedUpAndEventWaitsForTheClock) {
-  gNow = {5, 999900000};
-  add(1, probe("a"));  // due at 6.000900000, across a second boundary
-  EXPECT_EQ(1, timer.timeUntilNextEvent());
-  advanceUs(700);
-  EXPECT_EQ(1, timer.timeUntilNextEvent());  // 0.3 ms away
-  timer.processEvents();
-  EXPECT_TRUE(trace.empty());
-  advanceUs(300);
-  EXPECT_EQ(0, timer.timeUntilNextEvent());
-  timer.processEvents();
-  EXPECT_EQ(std::vector<std::string>{"a"}, trace);
-}
-
-TEST_F(TimerTest, WorkThatStaysDueRunsInTheSamePass) {
-  add(0, probe("again", {0}));  // delay 0 re-armed with 0: due again at once
-  timer.processEvents();
-  EXPECT_EQ((std::vector<std::string>{"again", "again"}), trace);
-
-  Probe& spawned = probe("spawned");
-  Probe& parent = probe("parent");
-  parent.action = [&] { add(0, spawned); };
-  add(5, parent);
-  advanceMs(5);
-  timer.processEvents();
-  EXPECT_EQ((std::vector<std::string>{"again", "again", "parent", "spawned"}), trace);
-  EXPECT_EQ(-1, timer.timeUntilNextEvent());
-}
-
-TEST_F(TimerTest, NullCallbackIsRefused) {
-  EXPECT_EQ(-1, timer.addTimedCallback(10, nullptr, nullptr));
-  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; cannot have NULL callback function"));
-  EXPECT_EQ(-1, timer.timeUntilNextEvent());
+TEST_F(TimerTest, WaitIsRoundedUpAndWorkThatStaysDueRunsInTheSamePass) {
+  gNowNs = 5999900000;
+  add(1, 'a');  // due at 6.000900000, across a second boundary
+  probes['a'].action = [&] { add(0, 's'); };
+  step(700, "", 1);  // 0.3 ms away
+  step(300, "as", -1);
+  add(0, 'r', {0});  // delay 0 re-armed with 0: due again at once
+  step(0, "asrr", -1);
 }
 
 TEST_F(TimerTest, ClockFailureFailsTheAddAndDropsARearm) {
+  const std::string why = strerror(EINVAL);
   gClockFails = true;
-  EXPECT_EQ(-1, add(10, probe("a")));
-  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; clock_gettime(): " +
-                      std::string(strerror(EINVAL))));
-  EXPECT_EQ(0, monitor.notified);
+  EXPECT_EQ(-1, add(10, 'a'));
+  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; clock_gettime(): " + why));
+  EXPECT_EQ(0, notified);
   gClockFails = false;
-  EXPECT_EQ(-1, timer.timeUntilNextEvent());
-
-  Probe& p = probe("p", {100});
-  p.action = [] { gClockFails = true; };
-  add(0, p);
-  timer.processEvents();
-  const std::string error = "|COMMON:COM| timeUntilNextCallback failed; clock_gettime(): " +
-                            std::string(strerror(EINVAL));
-  EXPECT_TRUE(log.has(error));
+  add(0, 'p', {100});
+  add(20, 'b');
+  probes['p'].action = [] { gClockFails = true; };
+  step(0, "p", -1);  // p's re-arm and then the wait read a failing clock
+  EXPECT_EQ(2, log.count("|COMMON:COM| timeUntilNextCallback failed; clock_gettime(): " + why));
   EXPECT_EQ(6, priorityOf("timeUntilNextCallback failed"));
   gClockFails = false;
-  EXPECT_EQ(-1, timer.timeUntilNextEvent());  // the event is gone
-
-  add(10, probe("b"));
-  gClockFails = true;
-  EXPECT_EQ(-1, timer.timeUntilNextEvent());
-  EXPECT_EQ(2, log.count("timeUntilNextCallback failed"));
+  step(200000, "pb", -1);  // neither 'a' nor p was pending
 }
 
 TEST_F(TimerTest, DelayArithmeticKeepsItsQuirks) {
-  timespec t{10, 999000000};
-  timer.addDelayToTimeval(1500, t);
-  EXPECT_EQ(12, t.tv_sec);
-  EXPECT_EQ(499000000, t.tv_nsec);
-
-  t = {10, 0};
-  timer.addDelayToTimeval(-1500, t);  // not normalised
-  EXPECT_EQ(9, t.tv_sec);
-  EXPECT_EQ(-500000000, t.tv_nsec);
-
-  t = {10, 0};
-  timer.addDelayToTimeval(0x100000000LL + 2000, t);  // seconds from the low 32 bits only
-  EXPECT_EQ(12, t.tv_sec);
-  EXPECT_EQ(296000000, t.tv_nsec);
-}
-
-TEST_F(TimerTest, LogShowsQueueAndNextDelay) {
-  add(100, probe("a"));
-  add(50, probe("b"));
-  log.clear();
-  timer.log();
-  const auto lines = log.lines();
-  ASSERT_EQ(3u, lines.size());
-  EXPECT_EQ("|COMMON:COM| NoxTimer *******************************************", lines[0].text);
-  EXPECT_EQ("|COMMON:COM|     items queued: 2", lines[1].text);
-  EXPECT_EQ("|COMMON:COM|     next item in: 50ms", lines[2].text);
-  EXPECT_EQ(3, lines[2].priority);
+  timespec negative{10, 0}, wide{10, 0};
+  timer.addDelayToTimeval(-1500, negative);             // not normalised
+  timer.addDelayToTimeval(0x100000000LL + 2000, wide);  // seconds from the low 32 bits only
+  EXPECT_EQ(std::make_pair(9L, -500000000L), std::make_pair(negative.tv_sec, negative.tv_nsec));
+  EXPECT_EQ(std::make_pair(12L, 296000000L), std::make_pair(wide.tv_sec, wide.tv_nsec));
 }
 
 }  // namespace

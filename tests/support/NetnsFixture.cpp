@@ -2,6 +2,7 @@
 
 #include <net/if.h>
 #include <sched.h>
+#include <strings.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -12,72 +13,39 @@
 
 namespace {
 
-struct NetnsState {
-  bool tried = false;
-  bool entered = false;
-  std::string why;
-};
+std::string gLinkKind;  // the kind addLink found to work in this process
 
-NetnsState& netnsState() {
-  static NetnsState state;
-  return state;
-}
-
-// The kind of link that addLink found to work in this process; empty until then.
-std::string& workingLinkKind() {
-  static std::string kind;
-  return kind;
+std::string family(const std::string& cidr) {
+  return cidr.find(':') != std::string::npos ? "-6 " : "-4 ";
 }
 
 bool runIp(const std::string& args, std::string* output) {
-  const std::string command = "ip " + args + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) {
-    if (output != nullptr) *output = std::string("popen: ") + strerror(errno);
-    return false;
-  }
   std::string text;
+  FILE* pipe = popen(("ip " + args + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) text = std::string("popen: ") + strerror(errno);
   char chunk[256];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0) text.append(chunk, n);
-  const int status = pclose(pipe);
+  for (size_t n; pipe != nullptr && (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;)
+    text.append(chunk, n);
+  const int status = pipe != nullptr ? pclose(pipe) : -1;
   if (output != nullptr) *output = text;
   return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-bool isIpv6(const std::string& cidr) { return cidr.find(':') != std::string::npos; }
-
-bool isMulticast(const std::string& cidr) {
-  if (isIpv6(cidr))
-    return cidr.size() >= 2 && (cidr[0] == 'f' || cidr[0] == 'F') &&
-           (cidr[1] == 'f' || cidr[1] == 'F');
-  const int firstOctet = atoi(cidr.c_str());
-  return firstOctet >= 224 && firstOctet <= 239;
-}
-
-// Peers must not start with "mdlnk": the daemon takes such names for modem links.
-std::string vethPeerName(const std::string& name) {
-  return ("nxp-" + name).substr(0, IFNAMSIZ - 1);
 }
 
 }  // namespace
 
 bool enterPrivateNetns(std::string* why) {
-  NetnsState& state = netnsState();
-  if (!state.tried) {
-    state.tried = true;
+  static std::string failure;
+  static const bool entered = [] {
     std::string output;
-    if (unshare(CLONE_NEWNET) != 0) {
-      state.why = std::string("unshare(CLONE_NEWNET) failed: ") + strerror(errno) +
-                  " (needs root or CAP_NET_ADMIN)";
-    } else if (!runIp("link set dev lo up", &output)) {
-      state.why = "ip link set dev lo up failed: " + output;
-    } else {
-      state.entered = true;
-    }
-  }
-  if (!state.entered && why != nullptr) *why = state.why;
-  return state.entered;
+    if (unshare(CLONE_NEWNET) != 0)
+      failure = std::string("unshare(CLONE_NEWNET) failed: ") + strerror(errno) +
+                " (needs root or CAP_NET_ADMIN)";
+    else if (!runIp("link set dev lo up", &output))
+      failure = "ip link set dev lo up failed: " + output;
+    return failure.empty();
+  }();
+  if (!entered && why != nullptr) *why = failure;
+  return entered;
 }
 
 bool netnsRequired() {
@@ -93,9 +61,8 @@ void NetnsTest::SetUp() {
 }
 
 void NetnsTest::TearDown() {
-  for (auto it = createdLinks_.rbegin(); it != createdLinks_.rend(); ++it) {
+  for (auto it = createdLinks_.rbegin(); it != createdLinks_.rend(); ++it)
     if (if_nametoindex(it->c_str()) != 0) ip("link del dev " + *it);
-  }
   createdLinks_.clear();
 }
 
@@ -108,28 +75,22 @@ bool NetnsTest::ip(const std::string& args) {
 
 bool NetnsTest::tryIp(const std::string& args, std::string* output) { return runIp(args, output); }
 
-bool NetnsTest::addLinkOfKind(const std::string& kind, const std::string& name,
-                              std::string* output) {
-  if (kind == "tun") return tryIp("tuntap add dev " + name + " mode tun", output);
-  if (kind == "veth")
-    return tryIp("link add " + name + " type veth peer name " + vethPeerName(name), output);
-  return tryIp("link add " + name + " type " + kind, output);
-}
-
 bool NetnsTest::addLink(const std::string& name) {
-  std::string& known = workingLinkKind();
-  const std::vector<std::string> kinds = known.empty()
-                                             ? std::vector<std::string>{"dummy", "tun", "veth"}
-                                             : std::vector<std::string>{known};
+  // A veth peer must not start with "mdlnk": the daemon takes such names for modem links.
+  const std::pair<const char*, std::string> kinds[] = {
+      {"dummy", "link add " + name + " type dummy"},
+      {"tun", "tuntap add dev " + name + " mode tun"},
+      {"veth", "link add " + name + " type veth peer name " + ("nxp-" + name).substr(0, 15)}};
   std::string failures;
-  for (const std::string& kind : kinds) {
+  for (const auto& kind : kinds) {
     std::string output;
-    if (addLinkOfKind(kind, name, &output)) {
-      known = kind;
+    if (!gLinkKind.empty() && gLinkKind != kind.first) continue;
+    if (tryIp(kind.second, &output)) {
+      gLinkKind = kind.first;
       createdLinks_.push_back(name);
       return true;
     }
-    failures += "\n  " + kind + ": " + output;
+    failures += std::string("\n  ") + kind.first + ": " + output;
   }
   ADD_FAILURE() << "cannot create link " << name << ":" << failures;
   return false;
@@ -145,21 +106,21 @@ bool NetnsTest::linkUp(const std::string& name) { return ip("link set dev " + na
 
 bool NetnsTest::linkDown(const std::string& name) { return ip("link set dev " + name + " down"); }
 
-const std::string& NetnsTest::linkKind() { return workingLinkKind(); }
+const std::string& NetnsTest::linkKind() { return gLinkKind; }
 
 bool NetnsTest::addAddr(const std::string& iface, const std::string& cidr) {
-  std::string args =
-      std::string(isIpv6(cidr) ? "-6 " : "-4 ") + "addr add " + cidr + " dev " + iface;
-  if (isMulticast(cidr)) {
-    args += " autojoin";
-  } else if (isIpv6(cidr)) {
+  const bool v6 = family(cidr) == "-6 ";
+  const int octet = atoi(cidr.c_str());
+  std::string args = family(cidr) + "addr add " + cidr + " dev " + iface;
+  if (v6 ? strncasecmp(cidr.c_str(), "ff", 2) == 0 : octet >= 224 && octet <= 239)
+    args += " autojoin";  // multicast
+  else if (v6)
     args += " nodad";
-  }
   return ip(args);
 }
 
 bool NetnsTest::delAddr(const std::string& iface, const std::string& cidr) {
-  return ip(std::string(isIpv6(cidr) ? "-6 " : "-4 ") + "addr del " + cidr + " dev " + iface);
+  return ip(family(cidr) + "addr del " + cidr + " dev " + iface);
 }
 
 unsigned int NetnsTest::ifIndex(const std::string& name) {
