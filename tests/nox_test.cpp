@@ -59,9 +59,10 @@ TEST_F(StartupTest, NsrmAloneLoadsNothingAndKeepsRunning) {
   EXPECT_EQ("", prop("ctl.stop"));
   EXPECT_EQ(nullptr, nox->fdMgrHandle);
   EXPECT_EQ(nullptr, nox->ctMgrHandle);
-  // The three switches are asked, in order.
+  // The data state manager asks for NSRM first, then the daemon asks the three switches in order.
   const auto asked = log_.matching("NoxConfig::isEnabled: feature");
-  EXPECT_EQ((std::vector<std::string>{"|CONFIG| NoxConfig::isEnabled: feature 0",
+  EXPECT_EQ((std::vector<std::string>{"|CONFIG| NoxConfig::isEnabled: feature 2",
+                                      "|CONFIG| NoxConfig::isEnabled: feature 0",
                                       "|CONFIG| NoxConfig::isEnabled: feature 1",
                                       "|CONFIG| NoxConfig::isEnabled: feature 2"}),
             asked);
@@ -76,8 +77,8 @@ TEST_F(StartupTest, BothPluginsLoadDescriptorManagerFirst) {
   EXPECT_LT(fd, ct);
   EXPECT_NE(nullptr, nox->fdMgrHandle);
   EXPECT_NE(nullptr, nox->ctMgrHandle);
-  // Each entry was handed this Nox and registered on its dispatcher.
-  EXPECT_EQ(2u, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
+  // Each entry was handed this Nox and registered on its dispatcher, after the data state manager.
+  EXPECT_EQ(3u, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
   nox->deinitFdMgr();
   nox->deinitCtMgr();
   EXPECT_EQ(nullptr, nox->fdMgrHandle);

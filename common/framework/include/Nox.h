@@ -6,6 +6,7 @@
 #include "EventDispatcher.h"
 #include "NoxCom.h"
 #include "NoxConfig.h"
+#include "NoxDsm.h"
 #include "NoxPermissions.h"
 #include "NoxTimer.h"
 #include "NoxUtils.h"
@@ -57,6 +58,7 @@ class Nox : public INoxTimerMonitor {
   EventDispatcher<NoxMsgEnumType> dispatcher;
   NoxTimer timer;
   NoxCom com;
+  NoxDsm dsm;
   NoxPermissions permissions;
   void* fdMgrHandle;
   void* ctMgrHandle;

@@ -42,7 +42,7 @@ int Nox::noxSockFd = -1;
 int Nox::count = 0;
 std::string Nox::pluginDir = NOX_PLUGIN_DIR;
 
-Nox::Nox() : timer(this), fdMgrHandle(nullptr), ctMgrHandle(nullptr) {
+Nox::Nox() : timer(this), dsm(*this, config, com), fdMgrHandle(nullptr), ctMgrHandle(nullptr) {
   const bool fdMgr = config.isEnabled(NOX_FEATURE_FDMGR);
   const bool ctMgr = config.isEnabled(NOX_FEATURE_CTMGR);
   const bool nsrm = config.isEnabled(NOX_FEATURE_NSRM);
