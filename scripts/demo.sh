@@ -27,15 +27,15 @@ ctl() {
 }
 settle() { sleep 0.3; }
 
-step "noxd with the NSRM feature on (persist.nox.feature=4), info-level log"
+step "noxd with the NSRM feature on (persist.nox.feature=4), full log"
 echo "persist.nox.feature=4" >"$dir/noxd.prop"
-"$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" --log-level 2 2>"$dir/noxd.log" &
+"$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" --log-level 0 2>"$dir/noxd.log" &
 pids+=($!)
 for _ in $(seq 1 100); do [ -S "$dir/noxd.sock" ] && break; sleep 0.05; done
 settle
 
 step "a framework client listens for what noxd sends it"
-"$noxctl" --socket "$dir/noxd.sock" listen >"$dir/listen.out" &
+"$noxctl" --socket "$dir/noxd.sock" listen >"$dir/listen.out" 2>&1 &
 pids+=($!)
 settle
 
@@ -73,8 +73,10 @@ step "what the framework client heard"
 cat "$dir/listen.out"
 step "property store"
 cat "$dir/noxd.prop"
-step "daemon log"
-sed -e 's/^NOX [A-Z] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //' "$dir/noxd.log"
+step "daemon log (without the event loop's and the parcel decoder's own lines)"
+sed -e 's/^NOX [A-Z] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //' "$dir/noxd.log" |
+  grep -v -e '^|COMMON:COM|' -e '^|NETLINK|' -e '^$'
+
 
 step "with no feature on, noxd asks for ctl.stop and stops, as init would stop it"
 echo "persist.nox.feature=0" >"$dir/stop.prop"
