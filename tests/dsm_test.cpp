@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <cutils/properties.h>
 #include <cutils/record_stream.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -23,22 +22,49 @@
 namespace {
 
 using Ints = std::vector<int32_t>;
-const char kNsrm[] = "persist.sys.noxd.nsrm";
+using Ids = std::vector<NoxDsmEvent>;
+using Names = std::vector<std::string>;
 
-std::string prop(const char* key) {
+std::string nsrmProperty() {
   char value[PROPERTY_VALUE_MAX];
-  property_get(key, value, "");
+  property_get("persist.sys.noxd.nsrm", value, "");
   return value;
 }
 
+// A real Nox with feature mask `mask` and its framework client on one end of a socket pair
+// (admission is the daemon's own tests' business).
 class DsmTest : public ::testing::Test {
  protected:
   void SetUp() override { start("4"); }
+  void TearDown() override { stop(); }
   void start(const char* mask) {
+    stop();
     property_host_reset();
     property_set("persist.nox.feature", mask);
     nox_ = std::make_unique<Nox>();
     events_ = std::make_unique<DsmEventLog>(nox_->dsm);
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds_));
+    nox_->com.addComEventHandler(fds_[1], Nox::processNoxEvent,
+                                 new NoxClientConn{nox_.get(), record_stream_new(fds_[1], 8192)},
+                                 Nox::processNoxCloseEvent, EPOLLIN | EPOLLHUP);
+    ask({NOX_S_NOTIFY_INIT_DONE, 0});
+  }
+  void stop() {
+    if (!nox_) return;
+    nox_->com.removeComEventHandler(fds_[1]);
+    close(fds_[0]), close(fds_[1]);
+    events_.reset(), nox_.reset();
+  }
+  // Sends one record of int32s and returns the int32s of the reply, if one came.
+  Ints ask(const Ints& request) {
+    uint32_t header = htonl(static_cast<uint32_t>(request.size() * 4));
+    EXPECT_EQ(4, write(fds_[0], &header, 4));
+    EXPECT_EQ(ssize_t(request.size() * 4), write(fds_[0], request.data(), request.size() * 4));
+    nox_->com.processEvents(0, nox_->timer);
+    if (recv(fds_[0], &header, 4, 0) != 4) return {};
+    Ints reply(ntohl(header) / 4);
+    EXPECT_EQ(ssize_t(reply.size() * 4), recv(fds_[0], reply.data(), reply.size() * 4, 0));
+    return reply;
   }
   void cmd(NoxMsgEnumType id, const void* data) { nox_->dispatcher.dispatchEvent(id, data); }
   NoxDsm& dsm() { return nox_->dsm; }
@@ -46,77 +72,33 @@ class DsmTest : public ::testing::Test {
   LogCapture log_;
   std::unique_ptr<Nox> nox_;
   std::unique_ptr<DsmEventLog> events_;
+  int fds_[2] = {-1, -1};  // client, daemon
 };
 
-// The framework client on a real socket; its admission is the daemon's own tests' business.
-class DsmFeatureTest : public DsmTest {
- protected:
-  void SetUp() override {}
-  void TearDown() override {
-    nox_->com.removeComEventHandler(serverFd_);
-    close(serverFd_);
-    close(client_);
-  }
-  void connectWithMask(const char* mask) {
-    start(mask);
-    int pair[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-    client_ = pair[0];
-    serverFd_ = pair[1];
-    ASSERT_EQ(0, fcntl(serverFd_, F_SETFL, O_NONBLOCK));
-    nox_->com.addComEventHandler(serverFd_, Nox::processNoxEvent,
-                                 new NoxClientConn{nox_.get(), record_stream_new(serverFd_, 8192)},
-                                 Nox::processNoxCloseEvent, EPOLLIN | EPOLLHUP);
-    ask({NOX_S_NOTIFY_INIT_DONE, 0});
-  }
-  // Sends a record (big-endian length, then little-endian int32s) and returns the ints
-  // of the reply, if one came.
-  Ints ask(const Ints& request) {
-    const uint32_t bytes = static_cast<uint32_t>(request.size() * 4);
-    const uint32_t header = htonl(bytes);
-    EXPECT_EQ(4, write(client_, &header, 4));
-    EXPECT_EQ(static_cast<ssize_t>(bytes), write(client_, request.data(), bytes));
-    nox_->com.processEvents(0, nox_->timer);
-    uint32_t replyHeader = 0;
-    if (recv(client_, &replyHeader, 4, MSG_DONTWAIT) != 4) return {};
-    const uint32_t replyBytes = ntohl(replyHeader);
-    Ints reply(replyBytes / 4);
-    EXPECT_EQ(static_cast<ssize_t>(replyBytes),
-              recv(client_, reply.data(), replyBytes, MSG_WAITALL));
-    return reply;
-  }
-
-  int client_ = -1;
-  int serverFd_ = -1;
-};
-
-TEST_F(DsmFeatureTest, NsrmStatusIsKeptInItsPropertyAndAnswered) {
-  connectWithMask("4");
+TEST_F(DsmTest, NsrmStatusIsKeptInItsPropertyAndAnswered) {
   EXPECT_EQ((Ints{1, NOX_S_RSP_GET_FEATURE_STATUS, 2, 3}), ask({1, 0, 2, 2, 0}));
-  EXPECT_EQ("3", prop(kNsrm));  // an unset status is stored as 3
+  EXPECT_EQ("3", nsrmProperty());  // an unset status is stored as 3
   for (const auto& c :
        std::vector<std::pair<const char*, int32_t>>{{"2", 2}, {"1", 1}, {"abc", 1}}) {
-    property_set(kNsrm, c.first);
+    property_set("persist.sys.noxd.nsrm", c.first);
     EXPECT_EQ((Ints{1, 2, 2, c.second}), ask({1, 0, 2, 2, 0})) << c.first;
   }
   EXPECT_EQ((Ints{1, 2, 5, 1}), ask({1, 0, 2, 5, 0}));  // not a feature of ours
 
   // Accepted is result 0, not NOX_RET_OK: clients test against 0.
   EXPECT_EQ((Ints{1, NOX_S_RESP_SET_FEATURE_PREF, 2, 2, 0}), ask({3, 0, 2, 2, 2}));
-  EXPECT_EQ((std::vector<NoxDsmEvent>{NOX_DSM_NSRM_STATUS_CHANGE_EVENT}), events_->ids());
+  EXPECT_EQ(Ids{NOX_DSM_NSRM_STATUS_CHANGE_EVENT}, events_->ids);
   EXPECT_EQ(2, events_->last<int32_t>(NOX_DSM_NSRM_STATUS_CHANGE_EVENT));
   EXPECT_EQ((Ints{1, 4, 2, 4, NOX_RET_NOT_ALLOWED_NOW}), ask({3, 0, 2, 2, 4}));
   EXPECT_EQ((Ints{1, 4, 5, 2, NOX_RET_NOT_ALLOWED_NOW}), ask({3, 0, 2, 5, 2}));
-  EXPECT_EQ("2", prop(kNsrm));
-  EXPECT_EQ(1u, events_->events.size());
-}
+  EXPECT_EQ("2", nsrmProperty());
+  EXPECT_EQ(1u, events_->ids.size());
 
-TEST_F(DsmFeatureTest, NsrmSwitchedOffAnswersOneAndLeavesThePropertyAlone) {
-  connectWithMask("0");
+  start("0");  // switched off: answers 1 and leaves the property alone
   EXPECT_EQ((Ints{1, 2, 2, 1}), ask({1, 0, 2, 2, 0}));
   EXPECT_EQ((Ints{1, 4, 2, 1, 0}), ask({3, 0, 2, 2, 3}));
-  EXPECT_EQ("", prop(kNsrm));
-  EXPECT_TRUE(events_->events.empty());
+  EXPECT_EQ("", nsrmProperty());
+  EXPECT_TRUE(events_->ids.empty());
 }
 
 TEST_F(DsmTest, WlanDhcpRenewIsNotReported) {
@@ -125,103 +107,85 @@ TEST_F(DsmTest, WlanDhcpRenewIsNotReported) {
     _WlanInfo w = {1, s[0], s[1]};
     cmd(NOX_S_NOTIFY_WLAN_STATE_CHG, &w);
   }
-  EXPECT_EQ(1u, events_->events.size());  // the renewal and a soft-AP change are swallowed
+  EXPECT_EQ(1u, events_->ids.size());  // the renewal and a soft-AP change are swallowed
   EXPECT_EQ(NOX_NW_STATE_CONNECTED, dsm().getWlanInfo().status);
-  log_.clear();
   _WlanInfo down = {1, NOX_NW_STATE_DISCONNECTED, 0};
   cmd(NOX_S_NOTIFY_WLAN_STATE_CHG, &down);
-  EXPECT_TRUE(log_.has("|COMMON:DSM| Exiting dhcprenew state"));
-  ASSERT_EQ(2u, events_->events.size());
+  EXPECT_EQ(1, log_.count("|COMMON:DSM| Exiting dhcprenew state"));
+  ASSERT_EQ(2u, events_->ids.size());
   EXPECT_EQ(NOX_NW_STATE_DISCONNECTED,
             events_->last<_WlanInfo>(NOX_DSM_WLAN_STATUS_CHANGE_EVENT).status);
 }
 
 TEST_F(DsmTest, TetheringAndScreenAreInvertedAndReportedOnChange) {
-  auto raised = [&](NoxMsgEnumType command, int32_t sent, NoxDsmEvent id) {
-    events_->events.clear();
-    cmd(command, &sent);
-    Ints values;
-    for (const auto& e : events_->events) values.push_back(e.id == id ? e.as<int32_t>() : -99);
-    return values;
-  };
   // Tethering starts at 1 and screen at 0; the client's 0 stands for 1, anything else for 0.
-  const NoxMsgEnumType tether = NOX_S_NOTIFY_TETHERING_STATE_CHG;
-  const NoxMsgEnumType screen = NOX_S_NOTIFY_SCREEN_STATE_CHG;
-  EXPECT_EQ(Ints{}, raised(tether, 0, NOX_DSM_TETHERING_STATE_CHANGE_EVENT));
-  EXPECT_EQ(Ints{0}, raised(tether, 1, NOX_DSM_TETHERING_STATE_CHANGE_EVENT));
-  EXPECT_EQ(Ints{}, raised(tether, 5, NOX_DSM_TETHERING_STATE_CHANGE_EVENT));
-  EXPECT_EQ(Ints{1}, raised(tether, 0, NOX_DSM_TETHERING_STATE_CHANGE_EVENT));
-  EXPECT_EQ(Ints{}, raised(screen, 1, NOX_DSM_SCREEN_STATE_CHANGE_EVENT));
-  EXPECT_EQ(Ints{1}, raised(screen, 0, NOX_DSM_SCREEN_STATE_CHANGE_EVENT));
-  EXPECT_EQ(Ints{0}, raised(screen, 7, NOX_DSM_SCREEN_STATE_CHANGE_EVENT));
+  for (int32_t t : {0, 1, 5, 0}) cmd(NOX_S_NOTIFY_TETHERING_STATE_CHG, &t);
+  for (int32_t s : {1, 0, 7}) cmd(NOX_S_NOTIFY_SCREEN_STATE_CHG, &s);
+  const NoxDsmEvent kT = NOX_DSM_TETHERING_STATE_CHANGE_EVENT;
+  const NoxDsmEvent kS = NOX_DSM_SCREEN_STATE_CHANGE_EVENT;
+  EXPECT_EQ((Ids{kT, kT, kS, kS}), events_->ids);
+  Ints values;
+  for (size_t i = 0; i < events_->ids.size(); ++i) values.push_back(events_->at<int32_t>(i));
+  EXPECT_EQ((Ints{0, 1, 1, 0}), values);
 }
 
-class DsmAppListTest : public DsmTest {
- protected:
-  struct App {
-    uint32_t uid;
-    const char* name;
-    const char* ids;
-  };
-  static NoxAppInfoMsgDataType message(int32_t action, const std::vector<App>& apps) {
-    NoxAppInfoMsgDataType m = {};
-    m.action = action;
-    for (const App& a : apps) {
-      NoxAppInfoType t = {};
-      snprintf(t.pkg_name, sizeof(t.pkg_name), "%s", a.name);
-      snprintf(t.app_name, sizeof(t.app_name), "%s", a.ids);
-      t.uid = a.uid;
-      m.apps.insert(t);
-    }
-    m.numApps = static_cast<uint16_t>(m.apps.size());
-    return m;
+struct App {
+  uint32_t uid;
+  const char* name;
+  const char* ids;
+};
+NoxAppInfoMsgDataType appMessage(int32_t action, const std::vector<App>& apps) {
+  NoxAppInfoMsgDataType m = {};
+  m.action = action;
+  for (const App& a : apps) {
+    NoxAppInfoType t = {};
+    snprintf(t.pkg_name, sizeof(t.pkg_name), "%s", a.name);
+    snprintf(t.app_name, sizeof(t.app_name), "%s", a.ids);
+    t.uid = a.uid;
+    m.apps.insert(t);
   }
-  void update(int32_t action, const std::vector<App>& apps) {
-    const NoxAppInfoMsgDataType m = message(action, apps);
+  m.numApps = static_cast<uint16_t>(m.apps.size());
+  return m;
+}
+
+TEST_F(DsmTest, AppListAddRemoveDuplicatesAndLimit) {
+  auto update = [&](int32_t action, const std::vector<App>& apps) {
+    const NoxAppInfoMsgDataType m = appMessage(action, apps);
     cmd(NOX_S_NOTIFY_APP_INFO_LIST_CHG, &m);
-  }
-  std::vector<std::string> names(uint32_t uid) {
-    std::vector<std::string> out;
+  };
+  auto names = [&](uint32_t uid) {
+    Names out;
     const auto range = dsm().GetAppInfoMap().equal_range(uid);
     for (auto it = range.first; it != range.second; ++it) out.push_back(it->second.pkg_name);
     std::sort(out.begin(), out.end());
     return out;
-  }
-  using Names = std::vector<std::string>;
-};
-
-TEST_F(DsmAppListTest, FirstMessageIsTheWholeListWhateverItsAction) {
-  update(NOX_PKG_ACTION_REMOVE, {{10050, "com.a", "1f:2a:1f"}, {10051, "com.b", ""}});
+  };
+  // The first message is the whole list, whatever its action.
+  update(NOX_PKG_ACTION_REMOVE, {{10050, "com.a", "1f:2a:1f"}, {1000, "android", ""}});
   EXPECT_EQ(Names{"com.a"}, names(10050));
-  EXPECT_EQ(Names{"com.b"}, names(10051));
   EXPECT_EQ((std::set<uint32_t>{0x1f, 0x2a}), dsm().GetAppInfoMap().find(10050)->second.appNameIds);
-  ASSERT_EQ(1u, events_->events.size());
-  EXPECT_EQ(NOX_DSM_APP_INFO_LIST_CHANGE_EVENT, events_->events[0].id);
-  EXPECT_TRUE(events_->events[0].payload.empty());
-}
+  EXPECT_EQ(Ids{NOX_DSM_APP_INFO_LIST_CHANGE_EVENT}, events_->ids);
+  EXPECT_TRUE(events_->payloads[0].empty());
 
-TEST_F(DsmAppListTest, AddKeepsSharedUidsRemoveNeedsUidAndName) {
-  update(NOX_PKG_ACTION_ADD, {{1000, "android", ""}});
-  update(NOX_PKG_ACTION_ADD, {{10050, "com.a", ""}, {10050, "com.b", ""}});
-  update(NOX_PKG_ACTION_ADD, {{10050, "com.a", "5"}});
+  update(NOX_PKG_ACTION_ADD, {{10050, "com.b", ""}, {10050, "com.a", "5"}});  // uids are shared
   EXPECT_EQ((Names{"com.a", "com.b"}), names(10050));
   EXPECT_TRUE(log_.has("|COMMON:DSM| App com.a already exists in map! Ignoring"));
-  update(NOX_PKG_ACTION_REMOVE, {{10051, "com.a", ""}, {10050, "com.c", ""}});
+  update(NOX_PKG_ACTION_REMOVE, {{10051, "com.a", ""}, {10050, "com.c", ""}});  // uid and name
   EXPECT_EQ(3u, dsm().GetAppInfoMap().size());
   update(7, {{10050, "com.a", ""}});  // any action but add removes
   EXPECT_EQ(Names{"com.b"}, names(10050));
-}
 
-TEST_F(DsmAppListTest, OverLongListIsRefusedWholeButStillAnnounced) {
-  update(NOX_PKG_ACTION_ADD, {{10050, "com.a", ""}});
-  NoxAppInfoMsgDataType m = message(NOX_PKG_ACTION_ADD, {{10051, "com.b", ""}});
+  // An over-long list is refused whole but still announced.
+  NoxAppInfoMsgDataType m = appMessage(NOX_PKG_ACTION_ADD, {{10051, "com.c", ""}});
   m.numApps = NOX_MAX_APPLIST_SIZE + 1;
-  EXPECT_EQ(-1, dsm().AddAppInfoList(&m));
+  events_->clear();
   cmd(NOX_S_NOTIFY_APP_INFO_LIST_CHG, &m);
-  EXPECT_EQ(1u, dsm().GetAppInfoMap().size());
-  EXPECT_EQ(2u, events_->events.size());
+  EXPECT_EQ(-1, dsm().AddAppInfoList(&m));
+  EXPECT_EQ(2u, dsm().GetAppInfoMap().size());
+  EXPECT_EQ(Ids{NOX_DSM_APP_INFO_LIST_CHANGE_EVENT}, events_->ids);
   m.numApps = NOX_MAX_APPLIST_SIZE;
   EXPECT_EQ(1, dsm().AddAppInfoList(&m));
+  EXPECT_EQ(Names{"com.c"}, names(10051));
 }
 
 }  // namespace

@@ -3,29 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "NoxDsm.h"
 
-// Subscribes to every data-state event of one NoxDsm and keeps a copy of each payload,
-// in arrival order (a payload lives only during its dispatch).
+// Subscribes to every data-state event of one NoxDsm and records them in arrival order.
 class DsmEventLog {
  public:
-  struct Event {
-    NoxDsmEvent id;
-    std::vector<uint8_t> payload;  // empty for a null payload
-    template <typename T>
-    T as() const {
-      T value{};
-      if (payload.size() != sizeof(T))
-        ADD_FAILURE() << "event " << id << " payload size";
-      else
-        memcpy(&value, payload.data(), sizeof(T));
-      return value;
-    }
-  };
-
   explicit DsmEventLog(NoxDsm& dsm) : dsm_(dsm) {
     for (int e = 0; e <= kLast; ++e) dsm_.dispatcher.regEventCallback(NoxDsmEvent(e), record, this);
   }
@@ -33,42 +19,38 @@ class DsmEventLog {
     for (int e = 0; e <= kLast; ++e)
       dsm_.dispatcher.deregEventCallback(NoxDsmEvent(e), record, this);
   }
-
-  std::vector<NoxDsmEvent> ids() const {
-    std::vector<NoxDsmEvent> out;
-    for (const Event& e : events) out.push_back(e.id);
-    return out;
+  void clear() { ids.clear(), payloads.clear(); }
+  // The payload of the event at `index`, as T.
+  template <typename T>
+  T at(size_t index) const {
+    T value{};
+    if (index >= ids.size() || payloads[index].size() != sizeof(T))
+      ADD_FAILURE() << "no event #" << index << " with a payload of " << sizeof(T) << " bytes";
+    else
+      memcpy(&value, payloads[index].data(), sizeof(T));
+    return value;
   }
   // The payload of the last event `id`, as T.
   template <typename T>
   T last(NoxDsmEvent id) const {
-    for (auto it = events.rbegin(); it != events.rend(); ++it)
-      if (it->id == id) return it->template as<T>();
-    ADD_FAILURE() << "no event " << id;
-    return T{};
+    return at<T>(static_cast<size_t>(ids.rend() - std::find(ids.rbegin(), ids.rend(), id)) - 1);
   }
 
-  std::vector<Event> events;
+  std::vector<NoxDsmEvent> ids;
+  // Copies (a payload lives only during its dispatch); empty for a null payload.
+  std::vector<std::vector<uint8_t>> payloads;
 
  private:
   static const int kLast = NOX_DSM_MCC_MNC_CHANGE_EVENT;
-
   static void record(NoxDsmEvent id, const void* data, void* self) {
-    static const size_t kSizes[kLast + 1] = {sizeof(_WlanInfo),
-                                             sizeof(_NoxDsmWwanIfaceInfoType),
-                                             sizeof(_NoxDsmWwanApnInfoType),
-                                             4,
-                                             4,
-                                             4,
-                                             4,
-                                             0,
-                                             NOX_MCCMNC_SIZE};
-    Event e{id, {}};
-    if (data != nullptr) {
-      const uint8_t* bytes = static_cast<const uint8_t*>(data);
-      e.payload.assign(bytes, bytes + kSizes[id]);
-    }
-    static_cast<DsmEventLog*>(self)->events.push_back(e);
+    // clang-format off
+    const size_t size[kLast + 1] = {sizeof(_WlanInfo), sizeof(_NoxDsmWwanIfaceInfoType),
+                                    sizeof(_NoxDsmWwanApnInfoType), 4, 4, 4, 4, 0, NOX_MCCMNC_SIZE};
+    // clang-format on
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    DsmEventLog* log = static_cast<DsmEventLog*>(self);
+    log->ids.push_back(id);
+    log->payloads.emplace_back(bytes, bytes ? bytes + size[id] : bytes);
   }
 
   NoxDsm& dsm_;
