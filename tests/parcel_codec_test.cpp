@@ -75,14 +75,14 @@ TEST_F(ParcelCodecTest, IntListLimitsAndFeatureInfoCount) {
 TEST_F(ParcelCodecTest, WwanStringMustBeStrictlyShorterThanItsField) {
   NoxWwanInfoType info;
   memset(&info, 'x', sizeof(info));
-  decode(wwan({u"10.0.0.1", u"mdlnk_rmnet0123", u"fe80::1", u"mdlnk_rmnet01234", u"310260"}), info);
-  EXPECT_STREQ("mdlnk_rmnet0123", info.ifaceV4);  // 15 units
+  decode(wwan({u"10.0.0.1", u"mdlnk_modem0123", u"fe80::1", u"mdlnk_modem01234", u"310260"}), info);
+  EXPECT_STREQ("mdlnk_modem0123", info.ifaceV4);  // 15 units
   EXPECT_STREQ("", info.ifaceV6);                 // 16 units
   EXPECT_STREQ("310260", info.mccmnc);
   EXPECT_TRUE(logged("source (length: 16) is longer than dest (length: 16)"));
   EXPECT_TRUE(
       logged("     data: type:1 status:2 nwType:13 roaming:0 apn:5 ipV4:10.0.0.1 "
-             "ifaceV4:mdlnk_rmnet0123 ipV6:fe80::1 ifaceV6: mccmnc = 310260"));
+             "ifaceV4:mdlnk_modem0123 ipV6:fe80::1 ifaceV6: mccmnc = 310260"));
 
   // 15 units of U+00E9 are 30 bytes of UTF-8: cut at 15, mid-character.
   decode(wwan({u"", std::u16string(15, u'\u00e9'), u"", u"", u"3102601"}), info);

@@ -131,7 +131,7 @@ std::string to8(const std::u16string& s, size_t n) {
 }
 
 TEST(Utf16DupTest, ConvertsBothWays) {
-  EXPECT_EQ(u"rmnet0", to16("rmnet0"));
+  EXPECT_EQ(u"mdlnk0", to16("mdlnk0"));
   EXPECT_EQ(u"", to16(""));
   EXPECT_EQ((std::u16string{'a', 0xe9, 0x20ac, 0xd83d, 0xde00, 'b'}),
             to16("a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"
