@@ -2,7 +2,7 @@
 // checks the interface records that come out.
 
 #include <cutils/properties.h>
-#include <diag/msg.h>
+#include <diag_channel.h>
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
@@ -19,7 +19,7 @@
 
 namespace {
 
-void discardLine(const msg_const_type*, const char*) {}
+void discardLine(const diag_msg_descriptor*, const char*) {}
 
 // Where the fuzzer may have its own network namespace, a link named mdlnk0 (index 2 after
 // lo) lets inputs past the name check. Its descriptor stays open, and with it the link.

@@ -1,6 +1,6 @@
 // Decodes arbitrary bytes as every client payload and checks what comes out.
 
-#include <diag/msg.h>
+#include <diag_channel.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +12,7 @@
 
 namespace {
 
-void discardLine(const msg_const_type*, const char*) {}
+void discardLine(const diag_msg_descriptor*, const char*) {}
 
 // Decoding must leave every fixed-size field terminated inside its array.
 template <size_t N>

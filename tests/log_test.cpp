@@ -1,5 +1,5 @@
 #include <cutils/properties.h>
-#include <diag/msg.h>
+#include <diag_channel.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,9 +22,9 @@ std::mutex gDiagMutex;
 std::vector<DiagLine> gDiag;
 bool gDiagUsed = false;  // the channel's descriptor is filled once per process
 
-void diagSink(const msg_const_type* desc, const char* line) {
+void diagSink(const diag_msg_descriptor* desc, const char* line) {
   std::lock_guard<std::mutex> lock(gDiagMutex);
-  gDiag.push_back({desc->ss_id, desc->ss_mask, line});
+  gDiag.push_back({desc->subsystem_id, desc->subsystem_mask, line});
   gDiagUsed = true;
 }
 std::vector<DiagLine> diag() {

@@ -1,4 +1,4 @@
-#include <diag/msg.h>
+#include <diag_channel.h>
 
 #include <atomic>
 #include <cstdarg>
@@ -10,7 +10,7 @@ std::atomic<msg_host_sink_fn> gSink{nullptr};
 
 extern "C" void msg_host_set_sink(msg_host_sink_fn sink) { gSink.store(sink); }
 
-extern "C" void msg_sprintf(const msg_const_type* desc, ...) {
+extern "C" void msg_sprintf(const diag_msg_descriptor* desc, ...) {
   char line[1024];
   va_list args;
   va_start(args, desc);
@@ -21,5 +21,5 @@ extern "C" void msg_sprintf(const msg_const_type* desc, ...) {
     sink(desc, line);
     return;
   }
-  fprintf(stderr, "diag[%u/0x%x] %s\n", desc->ss_id, desc->ss_mask, line);
+  fprintf(stderr, "diag[%u/0x%x] %s\n", desc->subsystem_id, desc->subsystem_mask, line);
 }

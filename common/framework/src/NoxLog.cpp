@@ -1,7 +1,7 @@
 #include "NoxLog.h"
 
 #include <cutils/properties.h>
-#include <diag/msg.h>
+#include <diag_channel.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +31,7 @@ void formatTagged(char (&buf)[kLineMax], const char* tag, const char* format, va
   vsnprintf(buf, sizeof(buf), combined.c_str(), args);
 }
 
-msg_const_type gDiagDescriptor = {149, 0, 0, "%s", "common/framework/src/NoxLog"};
+diag_msg_descriptor gDiagDescriptor = {149, 0, 0, "%s", "common/framework/src/NoxLog"};
 std::once_flag gDiagDescriptorOnce;
 
 }  // namespace
@@ -81,8 +81,8 @@ void NoxLog::printToRYVO(int level, int module, const char* format, va_list args
   }
   // Deliberate: the first line on this channel fixes the id and mask of all later ones.
   std::call_once(gDiagDescriptorOnce, [&] {
-    gDiagDescriptor.ss_id = static_cast<uint16_t>(ssId);
-    gDiagDescriptor.ss_mask = mask;
+    gDiagDescriptor.subsystem_id = static_cast<uint16_t>(ssId);
+    gDiagDescriptor.subsystem_mask = mask;
   });
   msg_sprintf(&gDiagDescriptor, buf);
 }
