@@ -136,10 +136,10 @@ int runSend(const Options& opt, const Message& msg) {
 
 // The daemon answers only its framework client, so announce this connection first.
 int runFeature(const Options& opt, const Message& request) {
-  const int32_t replyId =
-      request.id == noxctl::kGetFeature ? noxctl::kFeatureStatus : noxctl::kFeatureResult;
+  const int32_t replyId = request.id == NOX_S_REQ_GET_FEATURE_STATUS ? NOX_S_RSP_GET_FEATURE_STATUS
+                                                                     : NOX_S_RESP_SET_FEATURE_PREF;
   Message initDone;
-  initDone.id = noxctl::kInitDone;
+  initDone.id = NOX_S_NOTIFY_INIT_DONE;
 
   Connection conn;
   Result r = conn.open(opt.socketPath, Deadline::after(opt.timeoutMs));
@@ -162,14 +162,14 @@ int runFeature(const Options& opt, const Message& request) {
     fflush(stdout);
     // The answer means the daemon has read everything we sent.
     const bool refused =
-        replyId == noxctl::kFeatureResult && (reply.words.size() < 3 || reply.words[2] != 0);
+        replyId == NOX_S_RESP_SET_FEATURE_PREF && (reply.words.size() < 3 || reply.words[2] != 0);
     return refused ? kExitRefused : kExitOk;
   }
 }
 
 int runListen(const Options& opt) {
   Message initDone;
-  initDone.id = noxctl::kInitDone;
+  initDone.id = NOX_S_NOTIFY_INIT_DONE;
   Connection conn;
   Result r = conn.open(opt.socketPath, Deadline::after(opt.timeoutMs));
   if (r == Result::kOk) r = sendAll(&conn, {initDone}, opt);

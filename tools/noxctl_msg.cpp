@@ -16,11 +16,8 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-// Limits the daemon applies silently (it skips or cuts what is over them), refused here so
-// that nothing sent with noxctl goes missing.
-constexpr size_t kMaxInts = 100;
-constexpr size_t kMaxApps = 500;
-constexpr size_t kAppTextSize = 256;
+// The daemon skips or cuts what is over its limits (NOX_MAX_PARCEL_INTS, NOX_MAX_APPLIST_SIZE,
+// the field sizes) silently; noxctl refuses it, so that nothing sent with it goes missing.
 
 std::u16string toUtf16(const std::string& text) {
   size_t len = 0;
@@ -76,8 +73,8 @@ bool buildSingle(const std::string& command, int32_t id, const Args& args, Messa
 bool buildList(const std::string& command, int32_t id, const Args& args, Message* out,
                std::string* error) {
   std::vector<int32_t> values;
-  if (args.empty() || args.size() > kMaxInts) {
-    *error = command + " takes 1 to " + std::to_string(kMaxInts) + " numbers";
+  if (args.empty() || args.size() > static_cast<size_t>(NOX_MAX_PARCEL_INTS)) {
+    *error = command + " takes 1 to " + std::to_string(NOX_MAX_PARCEL_INTS) + " numbers";
     return false;
   }
   if (!parseInts(command, args, 0, &values, error)) return false;
@@ -97,7 +94,7 @@ bool buildFeature(const Args& args, Message* out, std::string* error) {
   }
   if (!parseInts("feature", args, 1, &values, error)) return false;
   // The daemon reads a count of the values that follow in front of them.
-  out->id = get ? kGetFeature : kSetFeature;
+  out->id = get ? NOX_S_REQ_GET_FEATURE_STATUS : NOX_S_REQ_SET_FEATURE_PREF;
   out->payload = {intField(static_cast<int32_t>(values.size()))};
   for (int32_t v : values) out->payload.push_back(intField(v));
   return true;
@@ -115,11 +112,16 @@ const FieldDef kWlanFields[] = {
     {"type", false, 0, 0}, {"status", false, 0, 0}, {"softap", false, 0, 0}};
 
 // A connected state by default: that is what brings an interface up in the daemon.
-const FieldDef kWwanFields[] = {{"type", false, 0, 0},     {"status", false, 1, 0},
-                                {"nw-type", false, 0, 0},  {"roaming", false, 0, 0},
-                                {"apn", false, 0, 0},      {"ipv4", true, 0, 46},
-                                {"iface", true, 0, 16},    {"ipv6", true, 0, 46},
-                                {"iface-v6", true, 0, 16}, {"mccmnc", true, 0, 7}};
+const FieldDef kWwanFields[] = {{"type", false, 0, 0},
+                                {"status", false, 1, 0},
+                                {"nw-type", false, 0, 0},
+                                {"roaming", false, 0, 0},
+                                {"apn", false, 0, 0},
+                                {"ipv4", true, 0, NOX_IP_ADDR_SIZE},
+                                {"iface", true, 0, NOX_IFACE_NAME_SIZE},
+                                {"ipv6", true, 0, NOX_IP_ADDR_SIZE},
+                                {"iface-v6", true, 0, NOX_IFACE_NAME_SIZE},
+                                {"mccmnc", true, 0, NOX_MCCMNC_SIZE}};
 
 // Fills the fields from "--name VALUE" or "--name=VALUE" options and, when `positional`,
 // from exactly one value per field in order.
@@ -222,8 +224,8 @@ bool parseAppEntry(const std::string& entry, std::vector<Field>* out, std::strin
     }
     numbers += (i > 2 ? ":" : "") + parts[i];
   }
-  if (!checkText("apps: package name", parts[1], kAppTextSize, error) ||
-      !checkText("apps: number list", numbers, kAppTextSize, error))
+  if (!checkText("apps: package name", parts[1], NOX_PKG_NAME_SIZE, error) ||
+      !checkText("apps: number list", numbers, NOX_PKG_NAME_SIZE, error))
     return false;
   out->push_back(textField(parts[1]));
   out->push_back(intField(static_cast<int32_t>(static_cast<uint32_t>(uid))));
@@ -238,11 +240,11 @@ bool buildApps(const Args& args, Message* out, std::string* error) {
     *error = "apps takes 'add' or 'remove' and one or more UID:PKG[:HEX...] entries";
     return false;
   }
-  if (args.size() - 1 > kMaxApps) {
-    *error = "apps takes at most " + std::to_string(kMaxApps) + " entries";
+  if (args.size() - 1 > static_cast<size_t>(NOX_MAX_APPLIST_SIZE)) {
+    *error = "apps takes at most " + std::to_string(NOX_MAX_APPLIST_SIZE) + " entries";
     return false;
   }
-  out->id = kAppList;
+  out->id = NOX_S_NOTIFY_APP_INFO_LIST_CHG;
   out->payload = {intField(add ? 0 : 1), intField(static_cast<int32_t>(args.size() - 1))};
   for (size_t i = 1; i < args.size(); ++i)
     if (!parseAppEntry(args[i], &out->payload, error)) return false;
@@ -291,17 +293,23 @@ bool buildMessage(const std::string& command, const Args& args, Message* out, st
       *error = "init-done takes no arguments";
       return false;
     }
-    out->id = kInitDone;
+    out->id = NOX_S_NOTIFY_INIT_DONE;
     out->payload.clear();
     return true;
   }
   if (command == "feature") return buildFeature(args, out, error);
-  if (command == "wlan") return buildFields(command, kWlan, kWlanFields, true, args, out, error);
-  if (command == "wwan") return buildFields(command, kWwan, kWwanFields, false, args, out, error);
-  if (command == "screen") return buildSingle(command, kScreen, args, out, error);
-  if (command == "tethering") return buildSingle(command, kTethering, args, out, error);
-  if (command == "nsrm-bkg") return buildList(command, kNsrmBackground, args, out, error);
-  if (command == "nsrm-config") return buildList(command, kNsrmConfig, args, out, error);
+  if (command == "wlan")
+    return buildFields(command, NOX_S_NOTIFY_WLAN_STATE_CHG, kWlanFields, true, args, out, error);
+  if (command == "wwan")
+    return buildFields(command, NOX_S_NOTIFY_WWAN_STATE_CHG, kWwanFields, false, args, out, error);
+  if (command == "screen")
+    return buildSingle(command, NOX_S_NOTIFY_SCREEN_STATE_CHG, args, out, error);
+  if (command == "tethering")
+    return buildSingle(command, NOX_S_NOTIFY_TETHERING_STATE_CHG, args, out, error);
+  if (command == "nsrm-bkg")
+    return buildList(command, NOX_S_NOTIFY_NSRM_BKG_EVT_STATE_CHG, args, out, error);
+  if (command == "nsrm-config")
+    return buildList(command, NOX_S_RSP_REFRESH_NSRM_CONFIG, args, out, error);
   if (command == "apps") return buildApps(args, out, error);
   if (command == "raw") return buildRaw(args, out, error);
   *error = "unknown command '" + command + "'";
@@ -340,13 +348,13 @@ std::string describe(const DaemonMessage& msg) {
            joinWords(w, 0);
   auto word = [&w](size_t i) { return std::to_string(i < w.size() ? w[i] : 0); };
   switch (msg.id) {
-    case kAppListRequest:
+    case NOX_D_REQ_REQUEST_GET_APP_INFO_LIST:
       return "app-list-request";
-    case kFeatureStatus:
+    case NOX_S_RSP_GET_FEATURE_STATUS:
       return "feature " + word(0) + " status " + word(1);
-    case kFeatureResult:
+    case NOX_S_RESP_SET_FEATURE_PREF:
       return "feature " + word(0) + " status " + word(1) + " result " + word(2);
-    case kBlockedUid:
+    case NOX_D_NOTIFY_NSRM_BLOCKED_UID:
       return "blocked-uid " + word(0) + " blocked " + word(1);
     default:
       return "message " + std::to_string(msg.id) + joinWords(w, 0);

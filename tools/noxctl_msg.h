@@ -6,25 +6,10 @@
 #include <string>
 #include <vector>
 
-namespace noxctl {
+#include "NoxTypes.h"
+#include "NoxUtils.h"
 
-// Message ids of the control socket.
-enum MessageId : int32_t {
-  kAppListRequest = 0,
-  kGetFeature = 1,
-  kFeatureStatus = 2,
-  kSetFeature = 3,
-  kFeatureResult = 4,
-  kNsrmConfig = 6,
-  kBlockedUid = 7,
-  kInitDone = 8,
-  kWlan = 9,
-  kWwan = 10,
-  kNsrmBackground = 11,
-  kAppList = 12,
-  kScreen = 13,
-  kTethering = 14,
-};
+namespace noxctl {
 
 // The largest record the daemon reads; a longer one ends the connection.
 constexpr size_t kMaxOutgoingRecord = 8192;
