@@ -58,6 +58,10 @@ class ComTest : public ::testing::Test {
     if (self->onEventHook_) self->onEventHook_(fd);
   }
   static void onClose(int fd, void* data) { static_cast<ComTest*>(data)->closed_.push_back(fd); }
+  static int onTimer(void* data) {
+    static_cast<ComTest*>(data)->timerHook_();
+    return -1;
+  }
 
   LogCapture log_;
   NoxCom com_;
@@ -65,6 +69,7 @@ class ComTest : public ::testing::Test {
   std::vector<int> called_;
   std::vector<int> closed_;
   std::function<void(int)> onEventHook_;
+  std::function<void()> timerHook_;
   std::vector<int> owned_;
 };
 
@@ -148,6 +153,22 @@ TEST_F(ComTest, EventOfDescriptorRemovedEarlierInThePassIsSkippedNotClosed) {
   signal(reused);
   pass();
   EXPECT_EQ((std::vector<int>{remover, reused}), called_);
+
+  // A timed callback run right after the wait belongs to the same pass.
+  called_.clear();
+  int renewed = -1;
+  timerHook_ = [&] {
+    com_.removeComEventHandler(reused);
+    close(reused);
+    renewed = own(newEventFd());
+    watch(renewed);
+  };
+  ASSERT_GT(timer_.addTimedCallback(0, &ComTest::onTimer, this), 0);
+  signal(reused);
+  pass();
+  ASSERT_EQ(reused, renewed);
+  EXPECT_TRUE(called_.empty());
+  EXPECT_TRUE(NoxCom::isApprovedFd(renewed));
 }
 
 TEST_F(ComTest, SendFramesWithBigEndianLengthUpTo1024Bytes) {

@@ -68,7 +68,8 @@ class NoxCom {
   int wakeFd;
   epoll_event events[kMaxEvents];
   std::map<int, ComHandlerObject> comHandlers;
-  // Descriptors removed while the current pass dispatches; their stale events are skipped.
+  // Descriptors removed since the current wait returned (by a timed callback or a handler);
+  // their stale events are skipped.
   std::set<int> removedInPass;
   bool inPass = false;
 

@@ -86,11 +86,11 @@ void NoxCom::processEvents(int timeoutMs, NoxTimer& timer) {
     logSysError("epoll_wait error");
     return;
   }
-  timer.processEvents();
-  if (n == 0) return;
-
+  // The pass starts with the wait: a timed callback that runs now may already remove
+  // a descriptor whose event the wait returned.
   inPass = true;
   removedInPass.clear();
+  timer.processEvents();
   for (int i = n - 1; i >= 0; --i) handleEvent(events[i], i + 1);
   inPass = false;
   removedInPass.clear();
