@@ -22,6 +22,7 @@ int enabledBits(const char* mask) {
   for (int f = NOX_FEATURE_FDMGR; f <= NOX_FEATURE_NSRM; ++f)
     bits |= config.isEnabled(static_cast<NoxFeatureType>(f)) << f;
   EXPECT_FALSE(config.isEnabled(static_cast<NoxFeatureType>(3)));
+  EXPECT_FALSE(config.isEnabled(static_cast<NoxFeatureType>(-1)));
   property_host_reset();
   return bits;
 }

@@ -9,13 +9,13 @@
 #include <set>
 
 // Feature n is bit n of the feature mask.
-enum NoxFeatureType {
+enum NoxFeatureType : int {
   NOX_FEATURE_FDMGR = 0,  // descriptor-manager plug-in
   NOX_FEATURE_CTMGR = 1,  // connection-tracking plug-in
   NOX_FEATURE_NSRM = 2,
 };
 
-enum NoxPkgActionType {
+enum NoxPkgActionType : int {
   NOX_PKG_ACTION_ADD = 0,
   NOX_PKG_ACTION_REMOVE = 1,  // any action other than add is handled as a removal
 };
