@@ -1,5 +1,7 @@
 // A stand-in plug-in: its entry logs that it ran and registers a handler, so a
 // test can see the load order and that it received the daemon object.
+#include <string>
+
 #include "Nox.h"
 #include "NoxLog.h"
 
@@ -9,7 +11,11 @@ void onInitDone(NoxMsgEnumType, const void*, void*) {}
 }  // namespace
 
 extern "C" void NOX_TEST_ENTRY(Nox* nox) {
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_TEST, "%s called", NOX_TEST_ENTRY_NAME);
+  // The daemon has stored this plug-in's handle before calling its entry.
+  const bool fd = std::string(NOX_TEST_ENTRY_NAME) == "init_fd_mgr";
+  const bool stored = (fd ? nox->fdMgrHandle : nox->ctMgrHandle) != nullptr;
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_TEST, "%s called%s", NOX_TEST_ENTRY_NAME,
+          stored ? "" : " before its handle was stored");
   nox->dispatcher.regEventCallback(NOX_S_NOTIFY_INIT_DONE, onInitDone, nullptr);
 }
 #endif

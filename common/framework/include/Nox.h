@@ -69,7 +69,7 @@ class Nox : public INoxTimerMonitor {
 
  private:
   [[noreturn]] static void fatal(const char* message);
-  void* loadPlugin(const char* file, const char* entry, const char* name);
+  void loadPlugin(const char* file, const char* entry, const char* name, void*& handle);
 };
 
 #endif  // NOX_H

@@ -71,25 +71,25 @@ void Nox::notifyDelayChange() { com.wake(); }
 
 NoxPermissions Nox::getPermissions() { return permissions; }
 
-void* Nox::loadPlugin(const char* file, const char* entry, const char* name) {
+void Nox::loadPlugin(const char* file, const char* entry, const char* name, void*& handle) {
   const std::string path = pluginDir + "/" + file;
-  void* handle = dlopen(path.c_str(), kDlopenFlags);
+  // Stored at once, null included: the entry below already finds it in the Nox.
+  handle = dlopen(path.c_str(), kDlopenFlags);
   if (handle == nullptr) {
     NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "loading %s lib failed!!", name);
-    return nullptr;
+    return;
   }
   auto init = reinterpret_cast<void (*)(Nox*)>(dlsym(handle, entry));
   if (init == nullptr) {
     NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "init %s failed!!", name);
-    return handle;  // deliberately kept open, as a device build does
+    return;  // deliberately kept open, as a device build does
   }
   init(this);
-  return handle;
 }
 
-void Nox::initFdMgr() { fdMgrHandle = loadPlugin("libnoxfdmgr.so", "init_fd_mgr", "fdmgr"); }
+void Nox::initFdMgr() { loadPlugin("libnoxfdmgr.so", "init_fd_mgr", "fdmgr", fdMgrHandle); }
 
-void Nox::initCtMgr() { ctMgrHandle = loadPlugin("libnoxctmgr.so", "init_ct_mgr", "ctmgr"); }
+void Nox::initCtMgr() { loadPlugin("libnoxctmgr.so", "init_ct_mgr", "ctmgr", ctMgrHandle); }
 
 namespace {
 // bionic fails dlclose(null) harmlessly; glibc crashes on it.
