@@ -76,8 +76,18 @@ class DsmTest : public ::testing::Test {
 };
 
 TEST_F(DsmTest, NsrmStatusIsKeptInItsPropertyAndAnswered) {
+  log_.clear();
   EXPECT_EQ((Ints{1, NOX_S_RSP_GET_FEATURE_STATUS, 2, 3}), ask({1, 0, 2, 2, 0}));
   EXPECT_EQ("3", nsrmProperty());  // an unset status is stored as 3
+  // The send is logged before its record is parceled.
+  Names sendLines;
+  for (const auto& l : log_.lines())
+    if (l.text.find("unsolicited") != l.text.npos || l.text.find("parceled") != l.text.npos)
+      sendLines.push_back(l.text);
+  EXPECT_EQ(
+      (Names{"|COMMON| sending unsolicited message. fd:0 type:NOX_S_RSP_GET_FEATURE_STATUS (2)",
+             "|COMMON:COM| parceled: feature id: 2, feature status: 3"}),
+      sendLines);
   for (const auto& c :
        std::vector<std::pair<const char*, int32_t>>{{"2", 2}, {"1", 1}, {"abc", 1}}) {
     property_set("persist.sys.noxd.nsrm", c.first);

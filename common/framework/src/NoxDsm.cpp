@@ -30,9 +30,16 @@ constexpr int32_t kResultOk = 0;  // deliberately not NOX_RET_OK: clients test a
 constexpr int kAppInfoBuckets = 8;
 constexpr NoxApnType kNoApn = 9;
 
-void sendToClient(NoxMsgEnumType type, const android::Parcel& p) {
+// Sends {1, type, record} to the framework client. The line is logged before the record is
+// parceled, so it precedes the parcel's own log line.
+template <typename T>
+void sendToClient(NoxMsgEnumType type, const T& record) {
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COMMON, "sending unsolicited message. fd:%d type:%s (%d)", 0,
           NoxUtils::getNoxMsgStr(type), static_cast<int>(type));
+  android::Parcel p;
+  p.writeInt32(1);
+  p.writeInt32(type);
+  NoxParcel::parcel(record, p);
   NoxCom::sendMessage(0, p.data(), static_cast<unsigned int>(p.dataSize()));
 }
 
@@ -161,11 +168,7 @@ void NoxDsm::handleGetFeatureEvent(NoxFeatureInfoType* info) {
   } else {
     info->featureStatus = getFeatureStatus(info) ? 2 : 1;
   }
-  android::Parcel p;
-  p.writeInt32(1);
-  p.writeInt32(NOX_S_RSP_GET_FEATURE_STATUS);
-  NoxParcel::parcel(*info, p);
-  sendToClient(NOX_S_RSP_GET_FEATURE_STATUS, p);
+  sendToClient(NOX_S_RSP_GET_FEATURE_STATUS, *info);
 }
 
 void NoxDsm::setFeatureStatus(NoxFeatureInfoType* info) {
@@ -185,11 +188,7 @@ void NoxDsm::setFeatureStatus(NoxFeatureInfoType* info) {
       dispatcher.dispatchEvent(NOX_DSM_NSRM_STATUS_CHANGE_EVENT, &info->featureStatus);
     }
   }
-  android::Parcel p;
-  p.writeInt32(1);
-  p.writeInt32(NOX_S_RESP_SET_FEATURE_PREF);
-  NoxParcel::parcel(resp, p);
-  sendToClient(NOX_S_RESP_SET_FEATURE_PREF, p);
+  sendToClient(NOX_S_RESP_SET_FEATURE_PREF, resp);
 }
 
 _WlanInfo NoxDsm::getWlanInfo() const { return wlanInfo; }
