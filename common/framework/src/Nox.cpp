@@ -28,9 +28,10 @@ namespace {
 constexpr size_t kMaxRecordLen = 8192;
 constexpr int kListenBacklog = 128;
 
-void logSysError(const char* what) {
+// `err` is the failed call's errno, taken before any log line can change it.
+void logSysError(const char* what, int err = errno) {
   NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "Error: %s", what);
-  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(errno), errno);
+  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(err), err);
 }
 
 // glibc rejects the flag value 0 that bionic takes for "immediate binding, local symbols".
@@ -194,8 +195,9 @@ void Nox::processNoxEvent(int fd, void* data) {
     }
     if (ret == -1 && errno == EAGAIN) return;
     if (ret == -1) {
+      const int err = errno;
       NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "file descriptor %d is in error state", fd);
-      logSysError("cannot get next record");
+      logSysError("cannot get next record", err);
       // The close callback releases the stream and the connection, once.
       Nox* nox = conn->nox;
       nox->com.removeComEventHandler(fd);

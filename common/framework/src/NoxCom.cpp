@@ -19,9 +19,10 @@
 namespace {
 constexpr unsigned int kMaxMessageSize = 1024;
 
-void logSysError(const char* what) {
+// `err` is the failed call's errno, taken before any log line can change it.
+void logSysError(const char* what, int err = errno) {
   NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "Error: %s", what);
-  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(errno), errno);
+  NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(err), err);
 }
 }  // namespace
 
