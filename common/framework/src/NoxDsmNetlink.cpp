@@ -16,6 +16,7 @@
 #include "NoxNetlinkSocket.h"
 
 using NoxDsmText::copy;
+using NoxDsmText::replaceAddress;
 
 namespace {
 
@@ -242,21 +243,9 @@ void NoxDsm::handleNlNewAddr(char* ifName, ifaddrmsg* ifa) {
     NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_DSM, "handleNlNewAddr updating the map");
     _NoxDsmWwanInfoType& entry = it->second;
     entry.state = NOX_NW_STATE_CONNECTED;
-    bool replaced = false;
-    if (textV6[0] != '\0' && strcmp(textV6, entry.ipAddrV6) != 0) {
-      memset(entry.ipAddrV6, 0, sizeof(entry.ipAddrV6));
-      memset(entry.ifaceV6, 0, sizeof(entry.ifaceV6));
-      copy(entry.ipAddrV6, textV6, NOX_IP_ADDR_SIZE);
-      copy(entry.ifaceV6, ifName, NOX_IFACE_NAME_SIZE, NOX_IP_ADDR_SIZE);
-      replaced = true;
-    }
-    if (textV4[0] != '\0' && strcmp(textV4, entry.ipAddr) != 0) {
-      memset(entry.ipAddr, 0, sizeof(entry.ipAddr));
-      memset(entry.iface, 0, sizeof(entry.iface));
-      copy(entry.ipAddr, textV4, NOX_IP_ADDR_SIZE);
-      copy(entry.iface, ifName, NOX_IFACE_NAME_SIZE, NOX_IP_ADDR_SIZE);
-      replaced = true;
-    }
+    bool replaced =
+        replaceAddress(entry.ipAddrV6, entry.ifaceV6, textV6, ifName, NOX_IFACE_NAME_SIZE);
+    replaced |= replaceAddress(entry.ipAddr, entry.iface, textV4, ifName, NOX_IFACE_NAME_SIZE);
     if (replaced) dispatchWwanEvent(ifName);
     return;
   }

@@ -11,6 +11,7 @@
 #include "NoxLog.h"
 
 using NoxDsmText::copy;
+using NoxDsmText::replaceAddress;
 
 void NoxDsm::handleWlanEvent(_WlanInfo* info) {
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_DSM,
@@ -110,21 +111,10 @@ void NoxDsm::handleWwanEvent(NoxWwanInfoType* info) {
       entry.apnList.push_back(info->apn);
       changed = true;
     }
-    // Both names are copied with the address's bound of 46, cut to the 16-byte field.
-    if (info->ipV6[0] != '\0' && strncmp(info->ipV6, entry.ipAddrV6, NOX_IP_ADDR_SIZE) != 0) {
-      memset(entry.ipAddrV6, 0, sizeof(entry.ipAddrV6));
-      memset(entry.ifaceV6, 0, sizeof(entry.ifaceV6));
-      copy(entry.ipAddrV6, info->ipV6, NOX_IP_ADDR_SIZE);
-      copy(entry.ifaceV6, info->ifaceV6, NOX_IP_ADDR_SIZE);
-      changed = true;
-    }
-    if (info->ipV4[0] != '\0' && strncmp(info->ipV4, entry.ipAddr, NOX_IP_ADDR_SIZE) != 0) {
-      memset(entry.ipAddr, 0, sizeof(entry.ipAddr));
-      memset(entry.iface, 0, sizeof(entry.iface));
-      copy(entry.ipAddr, info->ipV4, NOX_IP_ADDR_SIZE);
-      copy(entry.iface, info->ifaceV4, NOX_IP_ADDR_SIZE);
-      changed = true;
-    }
+    changed |= replaceAddress(entry.ipAddrV6, entry.ifaceV6, info->ipV6, info->ifaceV6,
+                              sizeof(info->ifaceV6));
+    changed |= replaceAddress(entry.ipAddr, entry.iface, info->ipV4, info->ifaceV4,
+                              sizeof(info->ifaceV4));
     if (info->nwType != entry.nwType) {
       entry.nwType = info->nwType;
       int32_t event = entry.nwType;
