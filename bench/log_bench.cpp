@@ -27,31 +27,15 @@ class QuietLog {
   const int savedLevel_;
 };
 
-void BM_DroppedCall(benchmark::State& state) {
+void BM_LogCall(benchmark::State& state, int level, int module) {
   QuietLog quiet;
   int fd = 0;
   for (auto _ : state) {
-    NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_COM, "Error while clearing the read buffer on fd %d", fd++);
+    NOX_LOG(level, module, "Error while clearing the read buffer on fd %d", fd++);
   }
 }
-BENCHMARK(BM_DroppedCall);
-
-void BM_PassingUntaggedCall(benchmark::State& state) {
-  QuietLog quiet;
-  int fd = 0;
-  for (auto _ : state) {
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_UNTAGGED, "Error while clearing the read buffer on fd %d", fd++);
-  }
-}
-BENCHMARK(BM_PassingUntaggedCall);
-
-void BM_PassingTaggedCall(benchmark::State& state) {
-  QuietLog quiet;
-  int fd = 0;
-  for (auto _ : state) {
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_COM, "Error while clearing the read buffer on fd %d", fd++);
-  }
-}
-BENCHMARK(BM_PassingTaggedCall);
+BENCHMARK_CAPTURE(BM_LogCall, Dropped, NOX_LOG_DEBUG, NOX_MOD_COM);
+BENCHMARK_CAPTURE(BM_LogCall, PassingUntagged, NOX_LOG_INFO, NOX_MOD_UNTAGGED);
+BENCHMARK_CAPTURE(BM_LogCall, PassingTagged, NOX_LOG_INFO, NOX_MOD_COM);
 
 }  // namespace
