@@ -41,7 +41,7 @@ void onPropertySet(const char* key, const char* value) {
   }
 }
 
-bool gConstructed = false;
+std::atomic<bool> gConstructed{false};
 
 void onTerm(int) {
   // During construction, let it finish; main() then exits cleanly.

@@ -13,7 +13,6 @@ cleanup() {
   rm -rf "$dir"
 }
 trap cleanup EXIT
-[ -n "${NOX_E2E_KEEP:-}" ] && trap - EXIT
 fail() {
   echo "FAIL: $*" >&2
   echo "--- daemon log" >&2
