@@ -29,12 +29,23 @@ wait_log() {
 }
 ctl() { "$noxctl" --socket "$dir/sock" "$@"; }
 
+# Bad invocations give one line on standard error and a non-zero status.
+for args in "--bogus" "--log-level x" "--socket $dir/missing/sock"; do
+  if "$noxd" $args 2>"$dir/err"; then fail "noxd $args succeeded"; fi
+  [ "$(wc -l <"$dir/err")" -eq 1 ] || fail "noxd $args said: $(cat "$dir/err")"
+done
+# No feature on: noxd asks for ctl.stop and, as init would, stops cleanly.
+echo "persist.nox.feature=0" >"$dir/prop"
+"$noxd" --socket "$dir/sock" --props "$dir/prop" --log-level 4 || fail "stop request: exit $?"
+grep -qx "ctl.stop=noxd" "$dir/prop" || fail "ctl.stop not recorded: $(cat "$dir/prop")"
+
+# The socket file left behind is replaced.
 echo "persist.nox.feature=4" >"$dir/prop"
 "$noxd" --socket "$dir/sock" --props "$dir/prop" --log-level 0 2>"$dir/log" &
 pids+=($!)
 wait_log "Control socket is ready"
 
-ctl listen >"$dir/listen" &
+ctl listen >"$dir/listen" 2>"$dir/listen.err" &
 pids+=($!)
 wait_log "NOXJ client is on descriptor"
 
