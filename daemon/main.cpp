@@ -130,7 +130,9 @@ int main(int argc, char** argv) {
   // The daemon's own threshold filters; liblog passes whatever reaches it.
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
   NoxLog::_libnoxlog_log_handle = __android_log_print;
+  NoxLog* const loadTimeLog = NoxMsg::nox_log_class_ptr;
   NoxMsg::nox_log_class_ptr = new NoxLogAdb();  // lives for the whole process
+  delete loadTimeLog;  // the load-time diagnostic channel; no other thread exists yet
   NoxLog::logLevel = logLevel >= 0 ? logLevel : NoxLog::getPropertyValue();
   NoxUtils::init();  // before any modem-library thread can look a name up
 
