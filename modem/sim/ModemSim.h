@@ -1,0 +1,125 @@
+#ifndef MODEMSIM_MODEMSIM_H
+#define MODEMSIM_MODEMSIM_H
+
+// The simulated modem: ports with their control channels, WDS and DFS clients, the
+// dormancy and power-save filters of each port and IP family, fault injection and a
+// log of the requests. It only turns frames into frames; SimServer moves the bytes.
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "data_filter_service_v01.h"
+#include "tov_wire.h"
+
+namespace modemsim {
+
+// A frame for connection `connection`. Answers to library requests wait for the
+// configured delay; everything else goes out at once, behind what is queued.
+struct Outgoing {
+  uint64_t connection;
+  std::vector<uint8_t> frame;
+  bool delayed;
+};
+
+class ModemSim {
+ public:
+  ModemSim() = default;
+
+  // Takes one well-formed frame from `connection` and appends what must be sent.
+  void handleFrame(uint64_t connection, const tovwire::Header& header,
+                   const std::vector<uint8_t>& body, std::vector<Outgoing>& out);
+  // The connection ended: its libraries, clients and control channels are gone.
+  void connectionClosed(uint64_t connection);
+  // A command line (without the program name): the exit status and the text to print.
+  int command(const std::vector<std::string>& args, std::string& text,
+              std::vector<Outgoing>& out);
+
+  int delayMs() const { return delayMs_; }
+
+  // The fault names, in the order --help lists them.
+  static const std::vector<std::string>& operations();
+
+ private:
+  enum Family { kV4 = 0, kV6 = 1 };
+  struct Rule {
+    uint32_t handle;
+    dfs_filter_rule_type_v01 rule;
+  };
+  // What the modem keeps per port and IP family.
+  struct Path {
+    bool dormant = false;
+    bool filterMode = false;
+    bool autoExit = false;
+    std::vector<Rule> rules;
+  };
+  struct Port {
+    std::map<uint64_t, int> channels;  // control channels opened, per connection
+    Path path[2];
+  };
+  struct WdsClient {
+    uint64_t connection;
+    std::string port;
+    Family family = kV4;
+    uint32_t mask = 0;
+    bool dormReport = false;
+  };
+  struct DfsClient {
+    uint64_t connection;
+    std::string port;
+    bool bound = false;
+    Family family = kV4;
+    bool indications = false;
+  };
+  struct Fault {
+    int times;
+    int error;
+  };
+
+  // Library requests, each appending its answer fields after "rc err" to `answer`.
+  int hello(uint64_t connection, tovwire::Reader& in, int* err, std::string& note);
+  int bye(uint64_t connection, int* err, std::string& note);
+  int ctrlOpen(uint64_t connection, tovwire::Reader& in, int* err, std::string& note);
+  int wdsStart(uint64_t connection, tovwire::Reader& in, int* err, tovwire::Writer& answer,
+               std::string& note);
+  int wdsRequest(uint16_t kind, uint64_t connection, tovwire::Reader& in, int* err,
+                 tovwire::Writer& answer, std::string& note, std::vector<Outgoing>& out);
+  int dfsStart(uint64_t connection, tovwire::Reader& in, tovwire::Writer& answer,
+               std::string& note);
+  int dfsRequest(uint64_t connection, tovwire::Reader& in, tovwire::Writer& answer,
+                 std::string& note, std::vector<Outgoing>& out);
+  int dfsRelease(uint64_t connection, tovwire::Reader& in, std::string& note);
+  // DFS message handling: the modem's result for the decoded request.
+  int dfsMessage(uint32_t id, DfsClient& client, unsigned msgId, void* request, void* response,
+                 std::string& note, std::vector<Outgoing>& out);
+
+  // True (and the error to answer with) when a fault is armed for `operation`.
+  bool injected(const std::string& operation, int* error);
+  void setDormancy(const std::string& port, int family, bool dormant, bool onlyIfChanged,
+                   std::vector<Outgoing>& out);
+  void setFilterMode(const std::string& port, int family, bool on, bool onlyIfChanged,
+                     std::vector<Outgoing>& out);
+  void restart(std::vector<Outgoing>& out);
+  void record(const std::string& line);
+
+  std::string stateText() const;
+  std::string stateJson() const;
+
+  std::map<std::string, Port> ports_;
+  std::map<uint32_t, WdsClient> wds_;
+  std::map<uint32_t, DfsClient> dfs_;
+  std::map<uint64_t, int> starts_;  // libraries started, per connection
+  std::map<std::string, Fault> faults_;
+  uint32_t nextClient_ = 1;
+  uint32_t nextFilter_ = 1;
+  uint32_t restarts_ = 0;
+  int delayMs_ = 0;
+  std::deque<std::string> log_;
+  uint64_t logCount_ = 0;
+};
+
+}  // namespace modemsim
+
+#endif  // MODEMSIM_MODEMSIM_H

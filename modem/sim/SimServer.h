@@ -1,0 +1,73 @@
+#ifndef MODEMSIM_SIMSERVER_H
+#define MODEMSIM_SIMSERVER_H
+
+// Serves one ModemSim on a Unix stream socket to any number of library and command
+// line connections, single-threaded on epoll.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ModemSim.h"
+
+namespace modemsim {
+
+class SimServer {
+ public:
+  SimServer() = default;
+  ~SimServer();
+  SimServer(const SimServer&) = delete;
+  SimServer& operator=(const SimServer&) = delete;
+
+  // Binds `path`, replacing a stale socket file but never one a live simulator serves.
+  // False with the reason.
+  bool listen(const std::string& path, std::string* error);
+  // Serves until stop() (from a signal handler or another thread).
+  void run();
+  void stop();
+
+ private:
+  struct Queued {
+    int64_t dueMs;
+    std::vector<uint8_t> bytes;
+  };
+  struct Conn {
+    uint64_t id;
+    int fd;
+    std::vector<uint8_t> in;
+    std::deque<Queued> out;
+    size_t outSent = 0;  // bytes of out.front() already written
+    bool closeAfterFlush = false;
+    bool watchingOutput = false;
+  };
+
+  void accept();
+  void readFrom(uint64_t id);
+  void send(const std::vector<Outgoing>& frames);
+  void flush(uint64_t id);
+  void close(uint64_t id);
+  int timeoutMs() const;
+  void watchOutput(Conn& conn, bool on);
+
+  ModemSim sim_;
+  std::string path_;
+  int listenFd_ = -1;
+  int epollFd_ = -1;
+  int wakeFd_ = -1;
+  std::atomic<bool> stop_{false};
+  std::map<uint64_t, Conn> conns_;
+  uint64_t nextConn_ = 1;
+};
+
+// Runs one command line against the simulator at `path`: its exit status and output,
+// or -1 and the reason when the simulator cannot be reached.
+int runCommand(const std::string& path, const std::vector<std::string>& args, std::string* text);
+
+}  // namespace modemsim
+
+#endif  // MODEMSIM_SIMSERVER_H
