@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "DsmEventLog.h"
+#include "ModemSimProcess.h"
 #include "NetnsFixture.h"
 #include "Nox.h"
 #include "TestLog.h"
@@ -68,6 +69,7 @@ class DsmNetnsTest : public NetnsTest {
   // A fresh Nox, which loads the addresses the kernel has now.
   void start() {
     events_.reset(), nox_.reset();
+    runWithoutModem();
     property_host_reset();
     property_set("persist.nox.feature", "4");
     nox_ = std::make_unique<Nox>();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "DsmEventLog.h"
+#include "ModemSimProcess.h"
 #include "Nox.h"
 #include "TestLog.h"
 
@@ -39,6 +40,7 @@ class DsmTest : public ::testing::Test {
   void TearDown() override { stop(); }
   void start(const char* mask) {
     stop();
+    runWithoutModem();
     property_host_reset();
     property_set("persist.nox.feature", mask);
     nox_ = std::make_unique<Nox>();

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "Nox.h"
+#include "ModemSimProcess.h"
 #include "TestLog.h"
 
 namespace {
@@ -27,6 +28,7 @@ std::string prop(const char* key) {
 }
 
 std::unique_ptr<Nox> makeNox(const char* mask, const char* pluginSubdir = "full") {
+  runWithoutModem();
   property_host_reset();
   property_set("persist.nox.feature", mask);
   Nox::pluginDir = std::string(NOX_TEST_PLUGIN_DIR) + "/" + pluginSubdir;

@@ -5,6 +5,7 @@
 set -euo pipefail
 noxd=$1
 noxctl=$2
+modemsim=$3
 dir=$(mktemp -d /tmp/noxd-e2e.XXXXXX)
 pids=()
 cleanup() {
@@ -28,6 +29,12 @@ wait_log() {
   fail "no '$1' in the log"
 }
 ctl() { "$noxctl" --socket "$dir/sock" "$@"; }
+
+# The daemon starts the modem library first: give it a modem.
+export TOV_SIM_SOCKET=$dir/sim.sock
+"$modemsim" serve 2>/dev/null &
+pids+=($!)
+for _ in $(seq 1 200); do "$modemsim" state >/dev/null 2>&1 && break; sleep 0.05; done
 
 # Bad invocations give one line on standard error and a non-zero status.
 for args in "--bogus" "--log-level x" "--socket $dir/missing/sock"; do

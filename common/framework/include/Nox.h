@@ -9,6 +9,7 @@
 #include "NoxDsm.h"
 #include "NoxPermissions.h"
 #include "NoxTimer.h"
+#include "NoxTov.h"
 #include "NoxUtils.h"
 
 // One client connection: owned by its NoxCom registration, created on accept and
@@ -22,8 +23,10 @@ struct NoxClientConn {
 // loop. Plug-ins receive a Nox* and use its public members from the loop thread.
 class Nox : public INoxTimerMonitor {
  public:
-  // Builds everything, loads the enabled plug-ins, and asks init to stop the
-  // service ("ctl.stop") when no feature is on. Runs on the constructing thread.
+  // Builds everything, starts the modem library (blocking for up to 63 s of retries
+  // when it cannot), loads the enabled plug-ins, and asks init to stop the service
+  // ("ctl.stop") when no feature is on. Runs on the constructing thread, which becomes
+  // the loop thread.
   Nox();
   ~Nox() override;
   Nox(const Nox&) = delete;
@@ -59,6 +62,7 @@ class Nox : public INoxTimerMonitor {
   NoxTimer timer;
   NoxCom com;
   NoxDsm dsm;
+  NoxTov tov;
   NoxPermissions permissions;
   void* fdMgrHandle;
   void* ctMgrHandle;

@@ -4,7 +4,10 @@
 #include <sys/epoll.h>
 
 #include <map>
+#include <mutex>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "NoxUtils.h"
 
@@ -15,7 +18,8 @@ typedef void (*ComEventCallback)(int fd, void* data);
 typedef void (*ComCloseCallback)(int fd, void* data);
 
 // The daemon's single-threaded descriptor loop (epoll, level-triggered) and its
-// outbound message path. Everything but wake() runs on the loop thread.
+// outbound message path. The loop thread is the one that constructs it; everything
+// runs there but wake() and the registrations of other threads.
 class NoxCom {
  public:
   struct ComHandlerObject {
@@ -33,6 +37,8 @@ class NoxCom {
 
   // Registers `fd` for `events` and approves it. False (nothing changes) when `fd`
   // already has a handler. The caller keeps ownership of the descriptor.
+  // From any other thread (the modem library's) the registration is handed to the
+  // loop, which makes it at its next pass; the call then returns true at once.
   bool addComEventHandler(int fd, ComEventCallback cb, void* data, ComCloseCallback closeCb,
                           int events);
   // Unregisters `fd`, runs its close callback and unapproves it; never closes it.
@@ -61,8 +67,18 @@ class NoxCom {
  private:
   static const int kMaxEvents = 4;
 
+  struct Registration {
+    int fd;
+    ComEventCallback cb;
+    void* data;
+    ComCloseCallback closeCb;
+    int events;
+  };
+
   [[noreturn]] static void fatal(const char* message);
   void handleEvent(const epoll_event& ev, int remaining);
+  bool registerHandler(const Registration& r);
+  void takeHandedOver();
 
   int epollFd;
   int wakeFd;
@@ -72,6 +88,11 @@ class NoxCom {
   // their stale events are skipped.
   std::set<int> removedInPass;
   bool inPass = false;
+  const std::thread::id loopThread;
+  // Registrations from other threads. The lock is held only to add or take them, never
+  // while a handler runs, so another thread never waits for the loop.
+  std::mutex handOverMutex;
+  std::vector<Registration> handedOver;
 
   static std::set<int> approvedFd;
   static int noxClientFd;

@@ -43,7 +43,13 @@ int Nox::noxSockFd = -1;
 int Nox::count = 0;
 std::string Nox::pluginDir = NOX_PLUGIN_DIR;
 
-Nox::Nox() : timer(this), dsm(*this, config, com), fdMgrHandle(nullptr), ctMgrHandle(nullptr) {
+Nox::Nox()
+    : timer(this),
+      dsm(*this, config, com),
+      tov(dsm, com, timer, config),
+      fdMgrHandle(nullptr),
+      ctMgrHandle(nullptr) {
+  tov.init();
   const bool fdMgr = config.isEnabled(NOX_FEATURE_FDMGR);
   const bool ctMgr = config.isEnabled(NOX_FEATURE_CTMGR);
   const bool nsrm = config.isEnabled(NOX_FEATURE_NSRM);

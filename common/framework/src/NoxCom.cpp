@@ -29,7 +29,7 @@ void logSysError(const char* what, int err = errno) {
 std::set<int> NoxCom::approvedFd;
 int NoxCom::noxClientFd = -1;
 
-NoxCom::NoxCom() {
+NoxCom::NoxCom() : loopThread(std::this_thread::get_id()) {
   epollFd = epoll_create(4);
   if (epollFd < 0) fatal("Cannot create epoll instance");
   wakeFd = static_cast<int>(syscall(SYS_eventfd2, 0, EFD_NONBLOCK));
@@ -53,18 +53,41 @@ bool NoxCom::addComEventHandler(int fd, ComEventCallback cb, void* data, ComClos
           "NoxCom::addComEventHandler fd %d, ComEventCallback %p, void* %p, ComCloseCallback %p, "
           "events %d",
           fd, reinterpret_cast<void*>(cb), data, reinterpret_cast<void*>(closeCb), events);
-  if (comHandlers.count(fd) != 0) {
-    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd=%d is already in comHandlers", fd);
+  const Registration r = {fd, cb, data, closeCb, events};
+  if (std::this_thread::get_id() != loopThread) {
+    {
+      std::lock_guard<std::mutex> lock(handOverMutex);
+      handedOver.push_back(r);
+    }
+    wake();
+    return true;
+  }
+  return registerHandler(r);
+}
+
+bool NoxCom::registerHandler(const Registration& r) {
+  if (comHandlers.count(r.fd) != 0) {
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd=%d is already in comHandlers", r.fd);
     return false;
   }
   epoll_event ev = {};
-  ev.events = static_cast<uint32_t>(events);
-  ev.data.fd = fd;
+  ev.events = static_cast<uint32_t>(r.events);
+  ev.data.fd = r.fd;
   // Deliberate: a failed registration still stores the handler; it is simply never called.
-  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &ev) < 0) logSysError("Cannot add NoxCom event handler");
-  comHandlers[fd] = ComHandlerObject{cb, closeCb, data};
-  approvedFd.insert(fd);
+  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, r.fd, &ev) < 0)
+    logSysError("Cannot add NoxCom event handler");
+  comHandlers[r.fd] = ComHandlerObject{r.cb, r.closeCb, r.data};
+  approvedFd.insert(r.fd);
   return true;
+}
+
+void NoxCom::takeHandedOver() {
+  std::vector<Registration> taken;
+  {
+    std::lock_guard<std::mutex> lock(handOverMutex);
+    taken.swap(handedOver);
+  }
+  for (const Registration& r : taken) registerHandler(r);
 }
 
 void NoxCom::removeComEventHandler(int fd) {
@@ -91,6 +114,8 @@ void NoxCom::processEvents(int timeoutMs, NoxTimer& timer) {
   // a descriptor whose event the wait returned.
   inPass = true;
   removedInPass.clear();
+  // Registered now, their descriptors are reported by the next wait.
+  takeHandedOver();
   timer.processEvents();
   for (int i = n - 1; i >= 0; --i) handleEvent(events[i], i + 1);
   inPass = false;
