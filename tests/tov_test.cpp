@@ -1,0 +1,276 @@
+// The host modem library against the real modem simulator, and both ends of their wire
+// against bytes written by hand.
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "ModemSimProcess.h"
+#include "data_filter_service_v01.h"
+#include "tov.h"
+#include "tov_client_helper.h"
+#include "tov_wds.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// A frame as the wire format lays it out: "TOVW", version, kind, length, seq, body.
+Bytes frame(uint16_t kind, uint32_t seq, const Bytes& body, uint32_t magic = 0x57564f54,
+            uint32_t length = UINT32_MAX) {
+  if (length == UINT32_MAX) length = static_cast<uint32_t>(body.size());
+  Bytes b;
+  auto put = [&](uint64_t v, int n) {
+    for (int i = 0; i < n; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  };
+  put(magic, 4), put(1, 2), put(kind, 2), put(length, 4), put(seq, 4);
+  b.insert(b.end(), body.begin(), body.end());
+  return b;
+}
+
+int connectTo(const std::string& path) {
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+  const timeval timeout = {5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  return fd;
+}
+
+// The kind and seq of the next frame on `fd`; kind 0 at the end of the stream.
+std::pair<int, uint32_t> nextFrame(int fd) {
+  uint8_t h[16];
+  if (recv(fd, h, sizeof(h), MSG_WAITALL) != 16) return {0, 0};
+  const uint32_t len = h[8] | h[9] << 8 | h[10] << 16 | uint32_t(h[11]) << 24;
+  Bytes body(len);
+  if (len != 0) recv(fd, body.data(), len, MSG_WAITALL);
+  return {h[6] | h[7] << 8, h[12] | h[13] << 8 | h[14] << 16 | uint32_t(h[15]) << 24};
+}
+
+TEST(TovLibraryTest, CallsOnWhatNeverStartedOrIsReleasedFailCleanly) {
+  runWithoutModem();
+  int err = -1;
+  tov_client_type dfs = nullptr;
+  const tov_idl_service_object_type service = dfs_get_service_object_v01();
+  dfs_set_powersave_filter_mode_req_msg_v01 req = {1};
+  dfs_set_powersave_filter_mode_resp_msg_v01 resp;
+  auto checkGone = [&](int wds, tov_client_type client) {
+    tov_wds_dorm_status_type status;
+    EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_get_dormancy_status(wds, &status, &err));
+    EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_go_dormant_req(wds, &err));
+    EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_srvc_release_client(wds, &err));
+    EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE,
+              tov_client_send_msg_sync(client, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &req,
+                                       sizeof(req), &resp, sizeof(resp), 1000));
+    EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE, tov_client_release(client));
+  };
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_release(-1));
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_dev_connection_init("mdlnk0", &err));
+  EXPECT_EQ(-1, tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err));
+  EXPECT_EQ(TOV_CLIENT_TRANSPORT_ERR,
+            tov_client_dfs_init_instance("mdlnk0", service, 0xffff, nullptr, nullptr, nullptr, 5000, &dfs));
+  EXPECT_EQ(nullptr, dfs_get_service_object_internal_v01(2, 6, 6));
+  checkGone(-1, nullptr);
+  checkGone(12345, reinterpret_cast<tov_client_type>(uintptr_t(12345)));
+
+  ModemSimProcess sim;
+  const int lib = tov_init(nullptr, nullptr);
+  ASSERT_GE(lib, 0);
+  ASSERT_EQ(TOV_NO_ERR, tov_dev_connection_init("mdlnk0", &err));
+  const int wds = tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err);
+  ASSERT_GE(wds, 0);
+  ASSERT_EQ(TOV_CLIENT_NO_ERR, tov_client_dfs_init_instance("mdlnk0", service, 0xffff, nullptr,
+                                                            nullptr, nullptr, 5000, &dfs));
+  // A request of the wrong size is refused before it is sent.
+  EXPECT_EQ(TOV_CLIENT_ENCODE_ERR,
+            tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &req,
+                                     sizeof(req) + 1, &resp, sizeof(resp), 1000));
+  EXPECT_EQ(TOV_NO_ERR, tov_wds_srvc_release_client(wds, &err));
+  EXPECT_EQ(TOV_CLIENT_NO_ERR, tov_client_release(dfs));
+  checkGone(wds, dfs);
+  EXPECT_EQ(TOV_NO_ERR, tov_release(lib));
+  EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_release(lib));
+}
+
+class TovSimTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    lib_ = tov_init(onSysEvent, this);
+    ASSERT_GE(lib_, 0);
+    int err;
+    ASSERT_EQ(TOV_NO_ERR, tov_dev_connection_init("mdlnk0", &err));
+  }
+  void TearDown() override { tov_release(lib_); }
+  static void onSysEvent(tov_sys_event_type event, const tov_sys_event_info_type*, void* data) {
+    TovSimTest* self = static_cast<TovSimTest*>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->events_.push_back(event);
+  }
+  // The system events so far, once there are `n` (or after 5 s).
+  std::vector<int> waitEvents(size_t n) {
+    for (int i = 0; i < 500; ++i) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (events_.size() >= n) return events_;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+
+  ModemSimProcess sim_;
+  int lib_ = -1;
+  std::mutex mutex_;
+  std::vector<int> events_;  // written by the library's thread
+};
+
+TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDropped) {
+  tov_client_type dfs = nullptr;
+  ASSERT_EQ(TOV_CLIENT_NO_ERR, tov_client_dfs_init_instance("mdlnk0", dfs_get_service_object_v01(), 0xffff,
+                                                            nullptr, nullptr, nullptr, 5000, &dfs));
+  dfs_bind_client_req_msg_v01 bind = {};
+  bind.ip_preference_valid = 1;
+  bind.ip_preference = DFS_IP_FAMILY_IPV4_V01;
+  dfs_bind_client_resp_msg_v01 bound;
+  ASSERT_EQ(0, tov_client_send_msg_sync(dfs, TOV_DFS_BIND_CLIENT_REQ_V01, &bind, sizeof(bind), &bound,
+                                        sizeof(bound), 1000));
+  sim_.cli({"delay", "1500"});
+  dfs_set_powersave_filter_mode_req_msg_v01 on = {1};
+  dfs_set_powersave_filter_mode_resp_msg_v01 set;
+  EXPECT_EQ(TOV_CLIENT_TIMEOUT_ERR,
+            tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &on, sizeof(on), &set,
+                                     sizeof(set), 1000));
+  sim_.cli({"delay", "0"});
+  // The late answer arrives meanwhile and is not taken for this one.
+  dfs_get_powersave_filter_mode_req_msg_v01 get = {};
+  dfs_get_powersave_filter_mode_resp_msg_v01 mode;
+  ASSERT_EQ(0, tov_client_send_msg_sync(dfs, TOV_DFS_GET_POWERSAVE_FILTER_MODE_REQ_V01, &get, sizeof(get),
+                                        &mode, sizeof(mode), 5000));
+  EXPECT_EQ(TOV_RESULT_SUCCESS_V01, mode.resp.result);
+  EXPECT_EQ(1, mode.powersave_filter_mode_valid);
+  EXPECT_EQ(1, mode.powersave_filter_mode);
+  tov_client_release(dfs);
+}
+
+TEST_F(TovSimTest, ReleaseReturnsOnlyOnceTheClientsCallbackHasReturned) {
+  int err;
+  static std::atomic<int> calls;
+  static std::atomic<bool> entered;
+  static std::promise<void> release;
+  calls = 0, entered = false, release = std::promise<void>();
+  const int wds = tov_wds_srvc_init_client(
+      "mdlnk0",
+      [](int, tov_service_id_type, void*, tov_wds_indication_id_type, tov_wds_indication_data_type*) {
+        ++calls;
+        entered = true;
+        release.get_future().wait();
+      },
+      nullptr, &err);
+  ASSERT_GE(wds, 0);
+  tov_wds_event_report_params_type report = {TOV_WDS_EVENT_DORM_STATUS_IND, 0, 0, 1};
+  ASSERT_EQ(TOV_NO_ERR, tov_wds_set_event_report(wds, &report, &err));
+  sim_.cli({"dormancy", "mdlnk0", "dormant"});
+  while (!entered) std::this_thread::yield();
+  std::atomic<bool> released{false};
+  std::thread releaser([&] {
+    tov_wds_srvc_release_client(wds, &err);
+    released = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(released);  // the callback still runs
+  release.set_value();
+  releaser.join();
+  EXPECT_TRUE(released);
+  sim_.cli({"dormancy", "mdlnk0", "active"});
+  sim_.cli({"state"});  // the simulator has sent whatever it would send
+  EXPECT_EQ(1, calls);
+}
+
+TEST_F(TovSimTest, ModemRestartAndDeathReachTheLibrary) {
+  int err;
+  const int wds = tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err);
+  ASSERT_GE(wds, 0);
+  sim_.cli({"restart"});
+  EXPECT_EQ((std::vector<int>{TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, TOV_SYS_EVENT_MODEM_IN_SERVICE_IND}),
+            waitEvents(2));
+  // The modem forgot the client and the control channel.
+  EXPECT_EQ(TOV_SERVICE_ERR, tov_wds_go_dormant_req(wds, &err));
+  EXPECT_EQ(TOV_SERVICE_ERR_INVALID_CLIENT_ID, err);
+  EXPECT_EQ(-1, tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err));
+  sim_.kill();
+  const std::vector<int> events = waitEvents(3);
+  ASSERT_EQ(3u, events.size());
+  EXPECT_EQ(TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, events.back());
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_go_dormant_req(wds, &err));
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_srvc_release_client(wds, &err));
+}
+
+TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
+  ModemSimProcess sim;
+  // The simulator: a frame it cannot take is refused (kind 127) with its seq; the
+  // connection goes on, unless the header itself is bad.
+  const int fd = connectTo(sim.path());
+  const Bytes twoBytes = {1, 0};
+  for (const Bytes& bad : {frame(99, 7, {}), frame(7, 8, twoBytes), frame(1, 9, {0, 0, 0, 0, 0})}) {
+    ASSERT_EQ(static_cast<ssize_t>(bad.size()), write(fd, bad.data(), bad.size()));
+    const auto answer = nextFrame(fd);
+    EXPECT_EQ(127, answer.first);
+    EXPECT_EQ(bad[12], answer.second);
+  }
+  for (const Bytes& bad : {frame(1, 1, {}, 0x12345678), frame(1, 1, {}, 0x57564f54, 65537)}) {
+    const int other = connectTo(sim.path());
+    ASSERT_EQ(16, write(other, bad.data(), 16));
+    EXPECT_EQ(127, nextFrame(other).first);
+    EXPECT_EQ(0, nextFrame(other).first);  // closed
+    close(other);
+  }
+  const Bytes state = frame(64, 3, {1, 0, 5, 0, 's', 't', 'a', 't', 'e'});
+  ASSERT_EQ(static_cast<ssize_t>(state.size()), write(fd, state.data(), state.size()));
+  EXPECT_EQ(std::make_pair(64 | 0x8000, uint32_t(3)), nextFrame(fd));
+  close(fd);
+
+  // The library: a simulator whose answers it cannot take. A cut answer fails the call;
+  // a bad header ends the connection.
+  char dir[] = "/tmp/noxwire-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  const std::string path = std::string(dir) + "/sock";
+  setenv("TOV_SIM_SOCKET", path.c_str(), 1);
+  const int server = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+  ASSERT_EQ(0, bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+  ASSERT_EQ(0, listen(server, 4));
+  std::thread fake([&] {
+    for (const Bytes& answer : {frame(0x8001, 1, {0, 0, 0, 0}), frame(0x8001, 1, {}, 0x12345678)}) {
+      const int peer = accept(server, nullptr, nullptr);
+      const uint32_t seq = nextFrame(peer).second;
+      Bytes a = answer;
+      for (int i = 0; i < 4; ++i) a[12 + i] = static_cast<uint8_t>(seq >> (8 * i));
+      EXPECT_EQ(static_cast<ssize_t>(a.size()), write(peer, a.data(), a.size()));
+      nextFrame(peer);  // until the library hangs up
+      close(peer);
+    }
+  });
+  EXPECT_EQ(TOV_INTERNAL_ERR, tov_init(nullptr, nullptr));
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  fake.join();
+  close(server);
+  unlink(path.c_str());
+  rmdir(dir);
+}
+
+}  // namespace
