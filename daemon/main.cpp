@@ -29,7 +29,10 @@ const char kUsage[] =
     "  --props FILE      property store file (same as NOX_PROPERTY_FILE)\n"
     "  --log-level N     log threshold 0 (verbose) to 4 (error); default from\n"
     "                    persist.nox.loglevel\n"
-    "  --plugin-dir DIR  directory of libnoxfdmgr.so and libnoxctmgr.so\n";
+    "  --plugin-dir DIR  directory of libnoxfdmgr.so and libnoxctmgr.so\n"
+    "\n"
+    "The modem is the simulator (modemsim serve) at $TOV_SIM_SOCKET, by default\n"
+    "/tmp/modemsim.sock; without it, start-up retries for 63 seconds.\n";
 
 std::atomic<bool> gStopRequested{false};
 

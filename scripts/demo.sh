@@ -6,6 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 noxd=build/daemon/noxd
 noxctl=build/tools/noxctl
+modemsim=build/modem/modemsim
 
 if [ "${1:-}" != "--inside" ] && [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null; then
   exec unshare --net "$0" --inside
@@ -27,9 +28,17 @@ ctl() {
 }
 settle() { sleep 0.3; }
 
-step "noxd with the NSRM feature on (persist.nox.feature=4), full log"
-echo "persist.nox.feature=4" >"$dir/noxd.prop"
-"$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" --log-level 0 2>"$dir/noxd.log" &
+step "the modem simulator"
+export TOV_SIM_SOCKET=$dir/modemsim.sock
+"$modemsim" serve 2>/dev/null &
+pids+=($!)
+for _ in $(seq 1 100); do "$modemsim" state >/dev/null 2>&1 && break; sleep 0.05; done
+"$modemsim" state
+
+step "noxd with connection tracking and NSRM on (persist.nox.feature=6), full log"
+echo "persist.nox.feature=6" >"$dir/noxd.prop"
+"$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" --plugin-dir "$dir" --log-level 0 \
+  2>"$dir/noxd.log" &
 pids+=($!)
 for _ in $(seq 1 100); do [ -S "$dir/noxd.sock" ] && break; sleep 0.05; done
 settle
@@ -61,10 +70,14 @@ if [ "$netns" = yes ]; then
   ip addr add 10.20.30.40/24 dev mdlnk0
   ip -6 addr add 2001:db8::40/64 dev mdlnk0 nodad
   settle
+  step "the modem: a WDS and a DFS client per family on port mdlnk0"
+  "$modemsim" state
   step "and goes away"
   ip addr del 10.20.30.40/24 dev mdlnk0
   ip link set mdlnk0 down
   settle
+  step "the modem: the per-family clients are released"
+  "$modemsim" state
 else
   step "(not root: skipping the kernel interface part)"
 fi
@@ -73,6 +86,8 @@ step "what the framework client heard"
 cat "$dir/listen.out"
 step "property store"
 cat "$dir/noxd.prop"
+step "what the modem received"
+"$modemsim" log
 step "daemon log (without the event loop's and the parcel decoder's own lines)"
 sed -e 's/^NOX [A-Z] [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //' "$dir/noxd.log" |
   grep -v -e '^|COMMON:COM|' -e '^|NETLINK|' -e '^$'

@@ -154,15 +154,7 @@ void Link::dispatch(const tovwire::Header& header, std::vector<uint8_t>& body) {
   if (header.kind == tovwire::kSysEvent) {
     const uint32_t event = in.u32();
     const uint32_t restarts = in.u32();
-    if (!in.done()) return;
-    std::vector<int> starts;
-    for (const auto& s : starts_) starts.push_back(s.first);
-    for (int handle : starts) {
-      const auto it = starts_.find(handle);
-      if (it == starts_.end()) continue;
-      const auto handler = it->second;
-      runCallback(-handle, [&] { handler(event, restarts); }, lock);
-    }
+    if (in.done()) deliverSysEvent(event, restarts, lock);
     return;
   }
   if (header.kind != tovwire::kWdsIndication && header.kind != tovwire::kDfsIndication) return;
@@ -205,14 +197,17 @@ void Link::lost(uint64_t connection) {
   cv_.notify_all();
   if (closing_) return;
   // The modem is gone as far as this process can tell.
+  deliverSysEvent(TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, 0, lock);
+}
+
+void Link::deliverSysEvent(uint32_t event, uint32_t restarts, std::unique_lock<std::mutex>& lock) {
   std::vector<int> starts;
   for (const auto& s : starts_) starts.push_back(s.first);
   for (int handle : starts) {
-    const auto it = starts_.find(handle);
+    const auto it = starts_.find(handle);  // a handler may have released another start
     if (it == starts_.end()) continue;
     const auto handler = it->second;
-    runCallback(-handle,
-                [&] { handler(TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, 0); }, lock);
+    runCallback(-handle, [&] { handler(event, restarts); }, lock);
   }
 }
 

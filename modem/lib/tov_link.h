@@ -63,6 +63,8 @@ class Link {
   void readLoop(int fd, uint64_t connection);
   void dispatch(const tovwire::Header& header, std::vector<uint8_t>& body);
   void lost(uint64_t connection);
+  // Calls every start's system-event handler, one after the other.
+  void deliverSysEvent(uint32_t event, uint32_t restarts, std::unique_lock<std::mutex>& lock);
   void shutdownLocked(std::unique_lock<std::mutex>& lock);
   // Runs `fn` as the callback of `id` (a client handle, or -start handle), so that its
   // removal can wait for it.

@@ -96,6 +96,9 @@ class NoxTov {
 
  private:
   WdsPortTracker* findWds(const std::string& iface);
+  // A family tracker for `port` in `slot`, calling back into the port tracker.
+  bool addWdsTracker(WdsPortTracker& port, std::unique_ptr<NoxWdsTracker>& slot,
+                     tov_ip_family_pref_type family);
   DfsPortTracker* findDfs(const std::string& iface);
 
   WdsPortTrackers mWdsPortTrackers;

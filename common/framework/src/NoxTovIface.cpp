@@ -62,28 +62,28 @@ void NoxTov::handleWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
     port = created.get();
     mWdsPortTrackers[name] = std::move(created);
   }
+  // Deliberate: a new IPv4 tracker is followed by a status update, a new IPv6 one not.
   if (!present(info->ipAddr)) {
     port->v4Tracker.reset();
-  } else if (!port->v4Tracker) {
-    port->v4Tracker.reset(new (std::nothrow) NoxWdsTracker(name.c_str(), TOV_IP_FAMILY_PREF_IPV4, mCom));
-    if (port->v4Tracker) {
-      port->v4Tracker->mIndCb = WdsPortTracker::dormIndHdlr;
-      port->v4Tracker->mIndCbData = port;
-      port->updateDormancyStatus();
-      port->checkDormRegNeeded();
-    }
+  } else if (!port->v4Tracker && addWdsTracker(*port, port->v4Tracker, TOV_IP_FAMILY_PREF_IPV4)) {
+    port->updateDormancyStatus();
+    port->checkDormRegNeeded();
   }
   if (!present(info->ipAddrV6)) {
     port->v6Tracker.reset();
-  } else if (!port->v6Tracker) {
-    port->v6Tracker.reset(new (std::nothrow) NoxWdsTracker(name.c_str(), TOV_IP_FAMILY_PREF_IPV6, mCom));
-    if (port->v6Tracker) {
-      port->v6Tracker->mIndCb = WdsPortTracker::dormIndHdlr;
-      port->v6Tracker->mIndCbData = port;
-      port->checkDormRegNeeded();
-    }
+  } else if (!port->v6Tracker && addWdsTracker(*port, port->v6Tracker, TOV_IP_FAMILY_PREF_IPV6)) {
+    port->checkDormRegNeeded();
   }
   port->updateDormancyStatus();
+}
+
+bool NoxTov::addWdsTracker(WdsPortTracker& port, std::unique_ptr<NoxWdsTracker>& slot,
+                           tov_ip_family_pref_type family) {
+  slot.reset(new (std::nothrow) NoxWdsTracker(port.iface.c_str(), family, mCom));
+  if (!slot) return false;
+  slot->mIndCb = WdsPortTracker::dormIndHdlr;
+  slot->mIndCbData = &port;
+  return true;
 }
 
 void NoxTov::handleDfsWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
