@@ -14,6 +14,8 @@ class NoxConfig : public NoxBaseConfig {
   // Bit `feature` of the mask for the three known features; false (and an error
   // line) for any other value.
   bool isEnabled(NoxFeatureType feature) const;
+  // The mask as read, without a log line.
+  int featureMask() const { return nFeatureEnableMask_; }
 
  private:
   int nFeatureEnableMask_;

@@ -102,6 +102,10 @@ class NoxDsm {
   void setFeatureStatus(NoxFeatureInfoType* info);
 
   _WlanInfo getWlanInfo() const;
+  // The stored screen and tethering states: the inverse of the client's integer, so
+  // 0 for a client's 1 and 1 for its 0 (start values: screen 0, tethering 1).
+  int32_t getScreenState() const { return screenState; }
+  int32_t getTetheringState() const { return tetheringState; }
   // The record of `iface`, or the default record.
   _NoxDsmWwanInfoType getWwanInfo(const char* iface) const;
   // Always the default record: there is deliberately no lookup by APN.
