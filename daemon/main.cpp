@@ -4,6 +4,7 @@
 #include <cutils/properties.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -32,10 +33,12 @@ const char kUsage[] =
     "  --plugin-dir DIR  directory of libnoxfdmgr.so and libnoxctmgr.so\n"
     "\n"
     "The modem is the simulator (modemsim serve) at $TOV_SIM_SOCKET, by default\n"
-    "/tmp/modemsim.sock; without it, start-up retries for 63 seconds.\n";
+    "/tmp/modemsim.sock; without it, start-up retries for 63 seconds.\n"
+    "SIGUSR1 (noxctl dump) writes the daemon's state to its log at info level.\n";
 
 std::atomic<bool> gStopRequested{false};
 
+#ifndef __ANDROID__
 // On a device init carries out "ctl.stop"; on the host the daemon stops itself.
 void onPropertySet(const char* key, const char* value) {
   if (strcmp(key, "ctl.stop") == 0 && strcmp(value, "noxd") == 0) {
@@ -43,6 +46,7 @@ void onPropertySet(const char* key, const char* value) {
     raise(SIGTERM);
   }
 }
+#endif
 
 std::atomic<bool> gConstructed{false};
 
@@ -50,6 +54,14 @@ void onTerm(int) {
   // During construction, let it finish; main() then exits cleanly.
   if (gConstructed) _exit(0);
   gStopRequested = true;
+}
+
+// SIGUSR1 asks for the state dump; it is read from a signalfd on the loop thread.
+void onDumpRequest(int fd, void* data) {
+  signalfd_siginfo info;
+  while (read(fd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
+  }
+  static_cast<Nox*>(data)->dumpState();
 }
 
 int fail(const std::string& message) {
@@ -118,9 +130,15 @@ int main(int argc, char** argv) {
   }
   if (optind < argc) return fail(std::string("unexpected argument '") + argv[optind] + "'");
 
+#ifdef __ANDROID__
+  // A device has init: the property store, "ctl.stop" and the control socket are its.
+  if (propsFile != nullptr || socketPath != nullptr)
+    return fail("--props and --socket are for host builds");
+#else
   if (propsFile != nullptr && property_host_use_file(propsFile) < 0)
     return fail(std::string("cannot read property file ") + propsFile);
   property_host_set_watcher(onPropertySet);
+#endif
   signal(SIGTERM, onTerm);
 
   if (socketPath != nullptr) {
@@ -139,11 +157,19 @@ int main(int argc, char** argv) {
   NoxLog::logLevel = logLevel >= 0 ? logLevel : NoxLog::getPropertyValue();
   NoxUtils::init();  // before any modem-library thread can look a name up
 
+  // Blocked before the modem library's thread exists, so that only the signalfd sees it.
+  sigset_t dump;
+  sigemptyset(&dump);
+  sigaddset(&dump, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &dump, nullptr);
+
   static Nox nox;
   gConstructed = true;
   if (gStopRequested) {
     fprintf(stderr, "noxd: stopped on request (ctl.stop)\n");
     return 0;
   }
+  const int dumpFd = signalfd(-1, &dump, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (dumpFd >= 0) nox.com.addComEventHandler(dumpFd, onDumpRequest, &nox, nullptr, EPOLLIN);
   nox.run();
 }

@@ -1,6 +1,10 @@
 // noxctl: talks to noxd over its control socket, for people and scripts.
 
+#include <signal.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -53,6 +57,8 @@ const char kUsage[] =
     "  raw ID [N...]              message ID with the numbers N as its payload\n"
     "  listen                     act as the framework client and print each message noxd\n"
     "                             sends, one line each, until the connection ends\n"
+    "  dump                       have noxd write its state to its log (SIGUSR1 to the\n"
+    "                             process serving the socket)\n"
     "\n"
     "Numbers are decimal or 0x-prefixed hexadecimal, 32 bits.\n"
     "A message is only taken as sent once noxd has read it.\n"
@@ -187,6 +193,22 @@ int runListen(const Options& opt) {
   }
 }
 
+// The daemon's pid from the socket's credentials; the signal does the rest.
+int runDump(const Options& opt) {
+  Connection conn;
+  int pid = 0;
+  Result r = conn.open(opt.socketPath, Deadline::after(opt.timeoutMs));
+  if (r == Result::kOk) r = conn.peerPid(&pid);
+  if (r != Result::kOk) return report(r, conn);
+  if (kill(pid, SIGUSR1) != 0) {
+    fprintf(stderr, "noxctl: cannot signal noxd (pid %d): %s\n", pid, strerror(errno));
+    return kExitFailed;
+  }
+  printf("noxd (pid %d) writes its state to its log at info level: standard error on the host,\n"
+         "logcat on a device\n", pid);
+  return kExitOk;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -201,9 +223,9 @@ int main(int argc, char** argv) {
 
   const std::string command = opt.rest[0];
   const std::vector<std::string> args(opt.rest.begin() + 1, opt.rest.end());
-  if (command == "listen") {
-    if (!args.empty()) return usageError("listen takes no arguments");
-    return runListen(opt);
+  if (command == "listen" || command == "dump") {
+    if (!args.empty()) return usageError(command + " takes no arguments");
+    return command == "listen" ? runListen(opt) : runDump(opt);
   }
   Message msg;
   if (!noxctl::buildMessage(command, args, &msg, &error)) return usageError(error);

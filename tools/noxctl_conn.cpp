@@ -57,6 +57,15 @@ Result Connection::timedOut(const std::string& what, Deadline deadline) {
   return Result::kTimedOut;
 }
 
+Result Connection::peerPid(int* pid) {
+  ucred cred = {};
+  socklen_t len = sizeof(cred);
+  if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+    return fail("cannot get the credentials of noxd at " + path_, errno);
+  *pid = cred.pid;
+  return Result::kOk;
+}
+
 Result Connection::open(const std::string& path, Deadline deadline) {
   path_ = path;
   sockaddr_un addr = {};

@@ -44,6 +44,8 @@ class Connection {
   Result waitUntilRead(Deadline deadline);
   // Reads the next record (without its length prefix).
   Result receive(std::vector<uint8_t>* record, Deadline deadline);
+  // The process id of the daemon on the other end.
+  Result peerPid(int* pid);
 
   const std::string& error() const { return error_; }
 

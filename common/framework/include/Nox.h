@@ -37,6 +37,10 @@ class Nox : public INoxTimerMonitor {
   void run();
   // A new earliest timed callback: end the current wait so that it is recomputed.
   void notifyDelayChange() override;
+  // Writes the daemon's state to the log at info level as one block of lines: features,
+  // log threshold, clients, WLAN, tethering and screen, the WWAN records, the number of
+  // applications and the modem's port trackers. Loop thread.
+  void dumpState();
   // A copy of the admission list (exits the process if it cannot be copied).
   NoxPermissions getPermissions();
 

@@ -58,6 +58,9 @@ class NoxCom {
   // Sends the payload-free message {1, msgType}.
   static void sendUnsolicitedMsg(int fd, NoxMsgEnumType msgType);
 
+  // The descriptors whose event callback is `cb`, ascending.
+  std::vector<int> descriptorsServedBy(ComEventCallback cb) const;
+
   static bool isApprovedFd(int fd);
   static void addApprovedFd(int fd);
   static void remApprovedFd(int fd);

@@ -226,6 +226,13 @@ void NoxCom::sendUnsolicitedMsg(int fd, NoxMsgEnumType msgType) {
   sendMessage(fd, p.data(), static_cast<unsigned int>(p.dataSize()));
 }
 
+std::vector<int> NoxCom::descriptorsServedBy(ComEventCallback cb) const {
+  std::vector<int> fds;
+  for (const auto& h : comHandlers)
+    if (h.second.cb == cb) fds.push_back(h.first);
+  return fds;
+}
+
 bool NoxCom::isApprovedFd(int fd) { return approvedFd.count(fd) != 0; }
 void NoxCom::addApprovedFd(int fd) { approvedFd.insert(fd); }
 void NoxCom::remApprovedFd(int fd) { approvedFd.erase(fd); }
