@@ -6,14 +6,7 @@ set -euo pipefail
 noxd=$1
 noxctl=$2
 modemsim=$3
-dir=$(mktemp -d /tmp/noxd-e2e.XXXXXX)
-pids=()
-cleanup() {
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$dir"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/../scripts/lib.sh"
 fail() {
   echo "FAIL: $*" >&2
   echo "--- daemon log" >&2
@@ -21,20 +14,11 @@ fail() {
   exit 1
 }
 # Waits (up to 10 s) until the log holds the fixed text $1.
-wait_log() {
-  for _ in $(seq 1 200); do
-    grep -qF -- "$1" "$dir/log" && return 0
-    sleep 0.05
-  done
-  fail "no '$1' in the log"
-}
+wait_log() { wait_until grep -qF -- "$1" "$dir/log" || fail "no '$1' in the log"; }
 ctl() { "$noxctl" --socket "$dir/sock" "$@"; }
 
 # The daemon starts the modem library first: give it a modem.
-export TOV_SIM_SOCKET=$dir/sim.sock
-"$modemsim" serve 2>/dev/null &
-pids+=($!)
-for _ in $(seq 1 200); do "$modemsim" state >/dev/null 2>&1 && break; sleep 0.05; done
+start_modemsim "$modemsim"
 
 # Bad invocations give one line on standard error and a non-zero status.
 for args in "--bogus" "--log-level x" "--socket $dir/missing/sock"; do
@@ -81,10 +65,7 @@ expected=(
 for e in "${expected[@]}"; do wait_log "processing NOX event $e"; done
 wait_log "Nox does not recognize event '2'"
 
-for _ in $(seq 1 200); do
-  grep -qx "feature 2 status 2 result 0" "$dir/listen" && break
-  sleep 0.05
-done
+wait_until grep -qx "feature 2 status 2 result 0" "$dir/listen"
 grep -qx "feature 2 status 2 result 0" "$dir/listen" || fail "listen got: $(cat "$dir/listen")"
 grep -qx "persist.sys.noxd.nsrm=2" "$dir/prop" || fail "property file: $(cat "$dir/prop")"
 echo "1 passed, 0 failed"

@@ -1,0 +1,55 @@
+# Shared by the demo and the end-to-end test scripts: processes that are stopped on
+# exit, waits with a bound, and the simulator and the daemon started the same way.
+# Source it after `set -euo pipefail`; it sets $dir (removed on exit) and $pids.
+
+dir=$(mktemp -d /tmp/noxd-run.XXXXXX)
+pids=()
+nox_cleanup() {
+  local p
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  rm -rf "$dir"
+}
+trap nox_cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Re-runs the calling script in a private network namespace of its own (it vanishes with
+# the script's processes), or returns 1 when this is not root or namespaces are missing.
+# Call it as: in_private_netns "$@" || ...
+in_private_netns() {
+  [ "${NOX_IN_NETNS:-}" = 1 ] && return 0
+  [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null || return 1
+  rm -rf "$dir"
+  trap - EXIT
+  NOX_IN_NETNS=1 exec unshare --net "$0" "$@"
+}
+
+# Runs "$@" until it succeeds, for at most 10 s.
+wait_until() {
+  local _
+  for _ in $(seq 1 200); do
+    "$@" >/dev/null 2>&1 && return 0
+    sleep 0.05
+  done
+  return 1
+}
+
+# The modem simulator on $dir/modemsim.sock, which the library then finds.
+start_modemsim() {
+  local modemsim=$1
+  export TOV_SIM_SOCKET=$dir/modemsim.sock
+  "$modemsim" serve 2>/dev/null &
+  pids+=($!)
+  wait_until "$modemsim" state
+}
+
+# noxd with feature mask $2 on $dir/noxd.sock, logging to $3; further arguments go to noxd.
+# Returns once it listens on its socket (ss lists the listening Unix sockets).
+start_noxd() {
+  local noxd=$1 mask=$2 log=$3
+  shift 3
+  echo "persist.nox.feature=$mask" >"$dir/noxd.prop"
+  "$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" "$@" 2>"$log" &
+  pids+=($!)
+  wait_until sh -c "ss -xlH | grep -qF ' $dir/noxd.sock '"
+}
