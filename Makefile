@@ -2,7 +2,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-unit test-asan test-tsan fuzz-smoke bench demo clean
+.PHONY: all deps build test test-unit test-asan test-tsan fuzz-smoke fuzz bench demo power clean
 
 all: build
 
@@ -36,8 +36,13 @@ fuzz-smoke: deps
 test: test-unit test-asan test-tsan fuzz-smoke
 	@echo "All test runs passed."
 
+# noxd beside reference servers, and the framework's micro-benchmarks (bench/RESULTS.md).
 bench: build
-	@for b in build/bench/*_bench; do echo "== $$b"; $$b; done
+	bench/run.sh
+
+# What the sample policies save: trace replays against the simulator's radio model.
+power: build
+	scripts/power.sh
 
 demo: build
 	scripts/demo.sh
