@@ -1,7 +1,9 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -116,16 +118,34 @@ TEST_F(PropertiesTest, EverySetRewritesTheWholeFile) {
   EXPECT_EQ("persist.sys.noxd.nsrm=1\n", readText(file("new")));
 }
 
-TEST_F(PropertiesTest, FileErrorsLeaveTheStoreAlone) {
+std::vector<std::string> gWatched;
+void watch(const char* key, const char* value) { gWatched.push_back(std::string(key) + "=" + value); }
+
+TEST_F(PropertiesTest, OnlyARegularFileItCanRewriteIsAdopted) {
   ASSERT_EQ(0, property_set("a", "1"));
-  EXPECT_EQ(-1, property_host_use_file(dir.c_str()));  // a directory
+  ASSERT_EQ(0, mkfifo(file("fifo").c_str(), 0600));  // would block a reader for ever
+  writeText(file("big"), std::string((1 << 20) + 1, '#'));
+  const std::pair<std::string, int> refused[] = {
+      {dir, EISDIR}, {file("fifo"), EINVAL}, {file("big"), EFBIG}, {file("gone/props"), ENOENT}};
+  for (const auto& r : refused) {
+    errno = 0;
+    EXPECT_EQ(-1, property_host_use_file(r.first.c_str())) << r.first;
+    EXPECT_EQ(r.second, errno) << r.first;
+  }
   EXPECT_EQ("1", get("a"));
   ASSERT_EQ(0, property_set("a", "2"));  // still memory only
-  EXPECT_TRUE(names().empty());
 
-  ASSERT_EQ(0, property_host_use_file(file("gone/props").c_str()));
-  EXPECT_EQ(-1, property_set("a", "3"));  // the rewrite fails
+  // A rewrite that fails keeps the old value, but a control message is still carried out.
+  fs::create_directory(file("sub"));
+  ASSERT_EQ(0, property_host_use_file(file("sub/props").c_str()));
+  fs::remove_all(file("sub"));
+  gWatched.clear();
+  property_host_set_watcher(watch);
+  EXPECT_EQ(-1, property_set("a", "3"));
+  EXPECT_EQ(-1, property_set("ctl.stop", "noxd"));
+  property_host_set_watcher(nullptr);
   EXPECT_EQ("dflt", get("a"));
+  EXPECT_EQ(std::vector<std::string>{"ctl.stop=noxd"}, gWatched);
 }
 
 TEST_F(PropertiesTest, ConcurrentSettersAndGettersKeepTheirOwnKeys) {

@@ -2,9 +2,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <libgen.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,10 +17,13 @@
 namespace {
 
 constexpr size_t kValueMax = PROPERTY_VALUE_MAX - 1;
+// A property file is small; anything bigger is not one.
+constexpr off_t kMaxFileSize = 1 << 20;
 
 struct Store {
   std::mutex lock;
-  std::map<std::string, std::string> values;
+  // Transparent: a look-up by a C string makes no temporary string.
+  std::map<std::string, std::string, std::less<>> values;
   std::string path;  // empty: memory only
   bool envChecked = false;
 };
@@ -31,11 +36,38 @@ Store& store() {
   return *s;
 }
 
-// Reads `path` into `out`; a missing file is an empty store.
-bool loadFile(const std::string& path, std::map<std::string, std::string>* out) {
+typedef std::map<std::string, std::string, std::less<>> Values;
+
+// Whether the directory of `path` takes a new file (the atomic rewrite needs that).
+bool directoryWritable(const std::string& path) {
+  std::string copy = path;
+  return access(dirname(&copy[0]), W_OK | X_OK) == 0;
+}
+
+// Reads `path` into `out`: a regular file of at most kMaxFileSize bytes, or a missing
+// one in a writable directory (an empty store). Anything else fails with errno set:
+// never a read that could block (a FIFO) or a file it could not rewrite.
+bool loadFile(const std::string& path, Values* out) {
   out->clear();
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT;
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return errno == ENOENT && directoryWritable(path);
+  struct stat st;
+  int err = 0;
+  if (fstat(fd, &st) != 0)
+    err = errno;
+  else if (S_ISDIR(st.st_mode))
+    err = EISDIR;
+  else if (!S_ISREG(st.st_mode))
+    err = EINVAL;
+  else if (st.st_size > kMaxFileSize)
+    err = EFBIG;
+  else if (access(path.c_str(), W_OK) != 0 || !directoryWritable(path))
+    err = errno;
+  if (err != 0) {
+    close(fd);
+    errno = err;
+    return false;
+  }
   std::string text;
   char buf[4096];
   ssize_t n;
@@ -44,8 +76,12 @@ bool loadFile(const std::string& path, std::map<std::string, std::string>* out) 
     if (n < 0) break;
     text.append(buf, static_cast<size_t>(n));
   }
+  err = errno;
   close(fd);
-  if (n < 0) return false;
+  if (n < 0) {
+    errno = err;
+    return false;
+  }
   size_t start = 0;
   while (start < text.size()) {
     size_t end = text.find('\n', start);
@@ -72,7 +108,7 @@ bool writeAll(int fd, const std::string& text) {
 
 // Replaces the file in one rename, so a reader in another process sees either the
 // old content or the new, never a partial file.
-bool saveFile(const std::string& path, const std::map<std::string, std::string>& values) {
+bool saveFile(const std::string& path, const Values& values) {
   std::string text;
   for (const auto& kv : values) text += kv.first + "=" + kv.second + "\n";
   const std::string tmp = path + ".tmp." + std::to_string(getpid());
@@ -86,7 +122,7 @@ bool saveFile(const std::string& path, const std::map<std::string, std::string>&
 
 // Adopts `path` (null or empty: memory only). On failure the store is left as it was.
 bool useFile(Store& s, const char* path) {
-  std::map<std::string, std::string> loaded;
+  Values loaded;
   if (path != nullptr && path[0] != '\0' && !loadFile(path, &loaded)) return false;
   s.values.swap(loaded);
   s.path = path != nullptr ? path : "";
@@ -105,20 +141,24 @@ void checkEnvOnce(Store& s) {
 
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
   if (value == nullptr) return -1;
-  std::string found;
+  // Copied under the lock, straight into the caller's buffer: a device's read is a
+  // look-up in shared memory, and this one allocates nothing either.
+  auto copy = [value](const char* src, size_t len) {
+    if (len > kValueMax) len = kValueMax;
+    memcpy(value, src, len);
+    value[len] = '\0';
+    return static_cast<int>(len);
+  };
   if (key != nullptr) {
     Store& s = store();
     std::lock_guard<std::mutex> guard(s.lock);
     checkEnvOnce(s);
     const auto it = s.values.find(key);
-    if (it != s.values.end()) found = it->second;
+    if (it != s.values.end() && !it->second.empty())
+      return copy(it->second.data(), it->second.size());
   }
-  const char* src = !found.empty() ? found.c_str() : (default_value != nullptr ? default_value : "");
-  size_t len = strlen(src);
-  if (len > kValueMax) len = kValueMax;
-  memcpy(value, src, len);
-  value[len] = '\0';
-  return static_cast<int>(len);
+  const char* src = default_value != nullptr ? default_value : "";
+  return copy(src, strlen(src));
 }
 
 namespace {
@@ -130,7 +170,7 @@ bool storeValue(const char* key, const char* value) {
     s.values[key] = value;
     return true;
   }
-  std::map<std::string, std::string> next = s.values;
+  Values next = s.values;
   next[key] = value;
   if (!saveFile(s.path, next)) return false;
   s.values.swap(next);
@@ -144,11 +184,12 @@ extern "C" int property_set(const char* key, const char* value) {
       strchr(value, '\n') != nullptr || strlen(value) > kValueMax) {
     return -1;
   }
-  if (!storeValue(key, value)) return -1;
-  // Outside the lock: the watcher may read properties itself.
+  const bool stored = storeValue(key, value);
+  // "ctl." keys are messages to init, not values: carried out also when the file cannot
+  // be rewritten. Outside the lock: the watcher may read properties itself.
   property_host_watcher_fn watcher = gWatcher.load();
-  if (watcher != nullptr) watcher(key, value);
-  return 0;
+  if (watcher != nullptr && (stored || strncmp(key, "ctl.", 4) == 0)) watcher(key, value);
+  return stored ? 0 : -1;
 }
 
 extern "C" void property_host_set_watcher(property_host_watcher_fn watcher) {

@@ -37,15 +37,18 @@ int property_set(const char* key, const char* value);
 // is left alone and NOX_PROPERTY_FILE is not read again.
 void property_host_reset(void);
 // Host only (the daemon's --props FILE). Replaces the store's content with that of
-// `path` and makes it the backing file of later sets; a missing file is an empty
-// store, created by the first set. Null or "" means memory only (the store is
-// emptied). Returns 0, or -1 if the file exists but cannot be read; the store is then
-// left as it was.
+// `path` and makes it the backing file of later sets; a missing file in a writable
+// directory is an empty store, created by the first set. Null or "" means memory only
+// (the store is emptied). Returns 0, or -1 with errno set when `path` is not a regular
+// file this process can read and rewrite in place (EISDIR, EINVAL for a FIFO or a
+// device, EFBIG over 1 MiB, EACCES, ENOENT for a missing directory, ...); the store is
+// then left as it was.
 int property_host_use_file(const char* path);
 
-// Host only. Calls `watcher` after every successful property_set, on the setting
-// thread, outside the store's lock; null removes it. The daemon uses it to carry
-// out "ctl.stop" as init would on a device.
+// Host only. Calls `watcher` after every successful property_set, and after every
+// set of a "ctl." key (a control message), stored or not; on the setting thread,
+// outside the store's lock; null removes it. The daemon uses it to carry out
+// "ctl.stop" as init would on a device.
 typedef void (*property_host_watcher_fn)(const char* key, const char* value);
 void property_host_set_watcher(property_host_watcher_fn watcher);
 
