@@ -1,22 +1,22 @@
-// noxd: creates the one Nox object and runs its loop. The host options stand in
-// for what init and the device provide.
+// noxd: creates the one Nox object and runs its loop. The host options stand in for
+// what init and the device provide (HostInit.h).
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "HostInit.h"
 #include "Nox.h"
 #include "NoxLog.h"
 #include "NoxUtils.h"
@@ -36,24 +36,13 @@ const char kUsage[] =
     "/tmp/modemsim.sock; without it, start-up retries for 63 seconds.\n"
     "SIGUSR1 (noxctl dump) writes the daemon's state to its log at info level.\n";
 
-std::atomic<bool> gStopRequested{false};
-
-#ifndef __ANDROID__
-// On a device init carries out "ctl.stop"; on the host the daemon stops itself.
-void onPropertySet(const char* key, const char* value) {
-  if (strcmp(key, "ctl.stop") == 0 && strcmp(value, "noxd") == 0) {
-    gStopRequested = true;
-    raise(SIGTERM);
-  }
-}
-#endif
-
 std::atomic<bool> gConstructed{false};
+std::atomic<bool> gTermDuringStart{false};
 
 void onTerm(int) {
   // During construction, let it finish; main() then exits cleanly.
   if (gConstructed) _exit(0);
-  gStopRequested = true;
+  gTermDuringStart = true;
 }
 
 // SIGUSR1 asks for the state dump; it is read from a signalfd on the loop thread.
@@ -69,31 +58,21 @@ int fail(const std::string& message) {
   return 2;
 }
 
-// Creates, binds and hands over the control socket as init would.
-int createControlSocket(const char* path, std::string& error) {
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  if (strlen(path) >= sizeof(addr.sun_path)) {
-    error = std::string("socket path too long: ") + path;
-    return -1;
-  }
-  strncpy(addr.sun_path, path, sizeof(addr.sun_path) - 1);
+// The control socket init hands over: "" or why it cannot be used. Checked before
+// anything is built: the framework's own check would abort after a long start-up.
+std::string checkControlSocket() {
+  const char* value = getenv("ANDROID_SOCKET_noxd");
+  if (value == nullptr || *value == '\0')
+    return "ANDROID_SOCKET_noxd is unset: start noxd from init, or give --socket PATH";
+  char* end = nullptr;
+  errno = 0;
+  const long fd = strtol(value, &end, 10);
   struct stat st;
-  if (lstat(path, &st) == 0) {
-    if (!S_ISSOCK(st.st_mode)) {
-      error = std::string(path) + " exists and is not a socket";
-      return -1;
-    }
-    unlink(path);  // a stale socket from an earlier run
-  }
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) < 0 ||
-      chmod(path, 0660) < 0) {
-    error = std::string("cannot create socket ") + path + ": " + strerror(errno);
-    if (fd >= 0) close(fd);
-    return -1;
-  }
-  return fd;
+  if (errno != 0 || *end != '\0' || fd < 0 || fd > INT_MAX)
+    return std::string("ANDROID_SOCKET_noxd '") + value + "' is not a descriptor number";
+  if (fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode))
+    return std::string("ANDROID_SOCKET_noxd ") + value + " is not an open socket";
+  return "";
 }
 
 }  // namespace
@@ -117,8 +96,8 @@ int main(int argc, char** argv) {
       case 'l': {
         char* end = nullptr;
         const long v = strtol(optarg, &end, 10);
-        if (*optarg == '\0' || *end != '\0' || v < 0 || v > 5)
-          return fail(std::string("invalid log level '") + optarg + "' (0 to 5)");
+        if (*optarg == '\0' || *end != '\0' || v < NOX_LOG_VERBOSE || v > NOX_LOG_ERROR)
+          return fail(std::string("invalid log level '") + optarg + "' (0 to 4)");
         logLevel = static_cast<int>(v);
         break;
       }
@@ -135,18 +114,13 @@ int main(int argc, char** argv) {
   if (propsFile != nullptr || socketPath != nullptr)
     return fail("--props and --socket are for host builds");
 #else
-  if (propsFile != nullptr && property_host_use_file(propsFile) < 0)
-    return fail(std::string("cannot read property file ") + propsFile);
-  property_host_set_watcher(onPropertySet);
+  std::string error = hostinit::useProperties(propsFile);
+  if (error.empty() && socketPath != nullptr) error = hostinit::createControlSocket(socketPath);
+  if (!error.empty()) return fail(error);
 #endif
+  const std::string socketError = checkControlSocket();
+  if (!socketError.empty()) return fail(socketError);
   signal(SIGTERM, onTerm);
-
-  if (socketPath != nullptr) {
-    std::string error;
-    const int fd = createControlSocket(socketPath, error);
-    if (fd < 0) return fail(error);
-    setenv("ANDROID_SOCKET_noxd", std::to_string(fd).c_str(), 1);
-  }
 
   // The daemon's own threshold filters; liblog passes whatever reaches it.
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
@@ -165,10 +139,18 @@ int main(int argc, char** argv) {
 
   static Nox nox;
   gConstructed = true;
-  if (gStopRequested) {
-    fprintf(stderr, "noxd: stopped on request (ctl.stop)\n");
+#ifndef __ANDROID__
+  if (hostinit::stopRequested()) {
+    char mask[PROPERTY_VALUE_MAX];
+    const std::string value = property_get("persist.nox.feature", mask, "") > 0
+                                  ? std::string("is \"") + mask + "\""
+                                  : std::string("is unset");
+    fprintf(stderr, "noxd: no feature is on (persist.nox.feature %s %s): stopping, as init does "
+            "on ctl.stop\n", value.c_str(), hostinit::propertySource().c_str());
     return 0;
   }
+#endif
+  if (gTermDuringStart) return 0;
   const int dumpFd = signalfd(-1, &dump, SFD_NONBLOCK | SFD_CLOEXEC);
   if (dumpFd >= 0) nox.com.addComEventHandler(dumpFd, onDumpRequest, &nox, nullptr, EPOLLIN);
   nox.run();

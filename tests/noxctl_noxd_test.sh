@@ -20,21 +20,50 @@ ctl() { "$noxctl" --socket "$dir/sock" "$@"; }
 # The daemon starts the modem library first: give it a modem.
 start_modemsim "$modemsim"
 
-# Bad invocations give one line on standard error and a non-zero status.
-for args in "--bogus" "--log-level x" "--socket $dir/missing/sock"; do
-  if "$noxd" $args 2>"$dir/err"; then fail "noxd $args succeeded"; fi
-  [ "$(wc -l <"$dir/err")" -eq 1 ] || fail "noxd $args said: $(cat "$dir/err")"
+# Start-up: every misuse is refused before anything is built, and a daemon with no
+# feature on stops as init would; each says so in one line on standard error.
+# Case: exit status | text of the line | environment changes | arguments.
+mkfifo "$dir/fifo"
+mkdir "$dir/props.d"
+head -c 1048577 /dev/zero >"$dir/big.prop"
+echo "persist.nox.feature=abc" >"$dir/abc.prop"
+echo "persist.nox.loglevel=4" >"$dir/unset.prop"
+s="--socket $dir/s"
+cases=(
+  "2|unknown or incomplete option '--bogus'||--bogus"
+  "2|invalid log level '5' (0 to 4)||--log-level 5"
+  "2|cannot create socket $dir/missing/sock: No such file or directory||--socket $dir/missing/sock"
+  "2|ANDROID_SOCKET_noxd is unset: start noxd from init, or give --socket PATH|-u ANDROID_SOCKET_noxd|"
+  "2|ANDROID_SOCKET_noxd is unset|ANDROID_SOCKET_noxd=|"
+  "2|ANDROID_SOCKET_noxd 'abc' is not a descriptor number|ANDROID_SOCKET_noxd=abc|"
+  "2|ANDROID_SOCKET_noxd '-1' is not a descriptor number|ANDROID_SOCKET_noxd=-1|"
+  "2|ANDROID_SOCKET_noxd 0 is not an open socket|ANDROID_SOCKET_noxd=0|"
+  "2|cannot use property file $dir/fifo: Invalid argument||$s --props $dir/fifo"
+  "2|cannot use property file $dir/props.d: Is a directory|NOX_PROPERTY_FILE=$dir/props.d|$s"
+  "2|cannot use property file $dir/big.prop: File too large||$s --props $dir/big.prop"
+  "2|cannot use property file $dir/gone/p: No such file or directory||$s --props $dir/gone/p"
+  "0|no feature is on (persist.nox.feature is \"abc\" in $dir/abc.prop)||$s --props $dir/abc.prop"
+  "0|no feature is on (persist.nox.feature is unset in $dir/unset.prop)||$s --props $dir/unset.prop"
+  "0|(persist.nox.feature is unset in $dir/new.prop, which did not exist)||$s --props $dir/new.prop"
+)
+for c in "${cases[@]}"; do
+  IFS='|' read -r want text envs args <<<"$c"
+  status=0
+  # shellcheck disable=SC2086
+  env $envs "$noxd" $args --log-level 4 </dev/null 2>"$dir/err" || status=$?
+  [ "$status" = "$want" ] && [ "$(wc -l <"$dir/err")" -eq 1 ] && grep -qF -- "$text" "$dir/err" ||
+    fail "noxd $envs $args: exit $status, said: $(cat "$dir/err")"
 done
-# No feature on: noxd asks for ctl.stop and, as init would, stops cleanly.
-echo "persist.nox.feature=0" >"$dir/prop"
-"$noxd" --socket "$dir/sock" --props "$dir/prop" --log-level 4 || fail "stop request: exit $?"
-grep -qx "ctl.stop=noxd" "$dir/prop" || fail "ctl.stop not recorded: $(cat "$dir/prop")"
+grep -qx "ctl.stop=noxd" "$dir/new.prop" || fail "ctl.stop not recorded: $(cat "$dir/new.prop")"
 
 # The socket file left behind is replaced.
 echo "persist.nox.feature=4" >"$dir/prop"
 "$noxd" --socket "$dir/sock" --props "$dir/prop" --log-level 0 2>"$dir/log" &
 pids+=($!)
 wait_log "Control socket is ready"
+# A second daemon on the same path leaves the live one alone.
+"$noxd" --socket "$dir/sock" --log-level 4 2>"$dir/err" && fail "a second noxd started"
+grep -qxF "noxd: another daemon serves $dir/sock" "$dir/err" || fail "second noxd said: $(cat "$dir/err")"
 
 ctl listen >"$dir/listen" 2>"$dir/listen.err" &
 pids+=($!)
