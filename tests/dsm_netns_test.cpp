@@ -184,6 +184,17 @@ TEST_F(DsmNetnsTest, LostAddressesEraseRecordsApnEventFirstLinkDownOnlyThroughTh
   ASSERT_TRUE(linkDown("mdlnk0"));
   ASSERT_TRUE(driveUntil([&] { return !has("mdlnk0"); }));
   EXPECT_EQ("4,mdlnk0,,", lastIface());
+
+  // An interface deleted with its addresses: their deletions come once it is gone and
+  // cannot be named, and the name its record was made under still erases it.
+  ASSERT_TRUE(linkUp("mdlnk0") && addAddr("mdlnk0", "10.1.0.9/24") &&
+              addAddr("mdlnk0", "2001:db8::9/64"));
+  ASSERT_TRUE(driveUntil([&] { return rec("mdlnk0") == "mdlnk0,10.1.0.9,mdlnk0,2001:db8::9"; }));
+  events_->clear();
+  ASSERT_TRUE(delLink("mdlnk0"));
+  ASSERT_TRUE(driveUntil([&] { return !has("mdlnk0"); }));
+  EXPECT_EQ((Ids{kApn, kIface}), events_->ids);
+  EXPECT_EQ("4,mdlnk0,,", lastIface());
 }
 
 TEST_F(DsmNetnsTest, HandBuiltLinkMessagesFollowIffUpMalformedOnesAreDropped) {
@@ -226,14 +237,19 @@ TEST_F(DsmNetnsTest, HandBuiltLinkMessagesFollowIffUpMalformedOnesAreDropped) {
 }
 
 TEST_F(DsmNetnsTest, LostNotificationsAreRecoveredByDumpingAgain) {
+  ASSERT_TRUE(addAddr("mdlnk0", "10.1.0.1/24"));
+  ASSERT_TRUE(driveUntil([&] { return has("mdlnk0"); }));
   const int tiny = 1;  // the kernel raises it to its minimum: a few messages
   ASSERT_EQ(0, setsockopt(dsm().netlinkFd(), SOL_SOCKET, SO_RCVBUF, &tiny, sizeof(tiny)));
   for (int i = 1; i <= 40; ++i)
     ASSERT_TRUE(addAddr("wlan0", "10.9.0." + std::to_string(i) + "/32"));
-  ASSERT_TRUE(addAddr("mdlnk1", "10.2.0.1/24"));  // its notification cannot fit any more
+  ASSERT_TRUE(delLink("mdlnk0"));                 // its deletions cannot fit any more,
+  ASSERT_TRUE(addAddr("mdlnk1", "10.2.0.1/24"));  // nor this
   ASSERT_TRUE(driveUntil([&] { return has("mdlnk1"); }));
   EXPECT_TRUE(log_.has("|COMMON:DSM| Netlink messages were lost, reading the addresses again"));
   EXPECT_EQ("mdlnk1,10.2.0.1,mdlnk1,", rec("mdlnk1"));
+  EXPECT_FALSE(has("mdlnk0"));  // gone from the kernel, so from the records
+  EXPECT_EQ("4,mdlnk0,,", lastIface());
 }
 
 // WWAN notifications name interfaces that must exist, so they run here too.
@@ -270,6 +286,16 @@ TEST_F(DsmNetnsTest, WwanRecordsKeyedByIpv6InterfaceApnListNwTypeAndDisconnectOr
   EXPECT_EQ("4,3,0,,23415", lastApn());
   EXPECT_EQ(std::vector<NoxApnType>{0}, dsm().getWwanInfo("mdlnk0").apnList);
   EXPECT_EQ(kDown, dsm().getWwanInfo("mdlnk0").state);
+
+  // At most NOX_MAX_APNS_PER_IFACE APNs: one more is refused with the whole notification.
+  for (int32_t apn = 100; dsm().getWwanInfo("mdlnk0").apnList.size() < NOX_MAX_APNS_PER_IFACE; ++apn)
+    wwan({0, kUp, kHspap, 1, apn, "", "mdlnk0", "", "", "23415"});
+  events_->clear();
+  wwan({0, kUp, kLte, 1, 999, "10.3.0.9", "mdlnk0", "", "", "23415"});
+  EXPECT_TRUE(log_.has("|COMMON:DSM| handleWwanEvent: mdlnk0 already has 64 APNs, APN 999 refused"));
+  EXPECT_EQ(Ids{}, events_->ids);
+  EXPECT_EQ("mdlnk0,,,", rec("mdlnk0"));  // the address did not change either
+  EXPECT_EQ(NOX_MAX_APNS_PER_IFACE, dsm().getWwanInfo("mdlnk0").apnList.size());
 }
 
 }  // namespace

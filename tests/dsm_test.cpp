@@ -198,6 +198,24 @@ TEST_F(DsmTest, AppListAddRemoveDuplicatesAndLimit) {
   m.numApps = NOX_MAX_APPLIST_SIZE;
   EXPECT_EQ(1, dsm().AddAppInfoList(&m));
   EXPECT_EQ(Names{"com.c"}, names(10051));
+
+  // The whole list stays within NOX_MAX_APPS: what would go over is refused whole.
+  uint32_t next = 20000;
+  auto batch = [&](size_t n) {
+    std::vector<App> apps;
+    while (apps.size() < n) apps.push_back({next++, "p", ""});
+    return apps;
+  };
+  while (dsm().GetAppInfoMap().size() + 500 < NOX_MAX_APPS) update(NOX_PKG_ACTION_ADD, batch(500));
+  update(NOX_PKG_ACTION_ADD, batch(NOX_MAX_APPS - 1 - dsm().GetAppInfoMap().size()));
+  ASSERT_EQ(NOX_MAX_APPS - 1, dsm().GetAppInfoMap().size());
+  std::vector<App> twoNew = batch(2);
+  update(NOX_PKG_ACTION_ADD, twoNew);
+  EXPECT_EQ(NOX_MAX_APPS - 1, dsm().GetAppInfoMap().size());
+  EXPECT_TRUE(log_.has("|COMMON:DSM| AddAppInfoList: 2 more applications would exceed the limit of 10000, refused"));
+  // A known entry and a repeated one count once: this fills the list exactly.
+  update(NOX_PKG_ACTION_ADD, {{10051, "com.c", ""}, twoNew[0], twoNew[0]});
+  EXPECT_EQ(NOX_MAX_APPS, dsm().GetAppInfoMap().size());
 }
 
 }  // namespace

@@ -138,9 +138,12 @@ class NoxDsm {
   // `ifa` must be followed by an attribute holding a whole address of its family
   // (HandleNlMsg checks that).
   void handleNlNewAddr(char* ifName, ifaddrmsg* ifa);
+  // Remembers the kernel's index of `ifName` while it has a record.
+  void rememberIndex(int index, const char* ifName);
 
   // Applies a client's application-list message: -1 (map unchanged) when it holds more
-  // than NOX_MAX_APPLIST_SIZE entries, otherwise 1.
+  // than NOX_MAX_APPLIST_SIZE entries or would take the list over NOX_MAX_APPS,
+  // otherwise 1.
   int AddAppInfoList(const NoxAppInfoMsgDataType* msg);
 
   // The netlink descriptor, for watching only.
@@ -152,7 +155,10 @@ class NoxDsm {
  private:
   void dumpAddresses();
   void dumpAddresses(unsigned char family);
+  // After lost notifications: a record whose interface is gone goes as a link-down.
+  void forgetVanishedInterfaces();
   void insertApp(const NoxAppInfoType& app);
+  bool knownApp(const NoxAppInfoType& app) const;
   void removeApp(const NoxAppInfoType& app);
 
   std::unique_ptr<NoxNetlinkSocket> nlSocket;
@@ -161,6 +167,9 @@ class NoxDsm {
   NoxCom& com;
   _WlanInfo wlanInfo;
   NoxDsmWwanIfaceMap wwanIfaceMap;
+  // The kernel's index of each record netlink created or updated: an interface deleted
+  // with its addresses can no longer be named when their deletions arrive.
+  std::map<int, std::string> nlIndexNames;
   int32_t tetheringState;
   int32_t screenState;
   NoxDsmAppInfoMap appInfoMap;

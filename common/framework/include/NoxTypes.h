@@ -24,6 +24,10 @@ enum NoxPkgActionType : int {
 constexpr int NOX_MAX_PARCEL_INTS = 100;
 // At most this many package entries are read from an application list.
 constexpr int NOX_MAX_APPLIST_SIZE = 500;
+// At most this many applications are kept, and this many APNs per interface, well above
+// any device: a client cannot grow the daemon without bound.
+constexpr size_t NOX_MAX_APPS = 10000;
+constexpr size_t NOX_MAX_APNS_PER_IFACE = 64;
 
 constexpr int NOX_IP_ADDR_SIZE = 46;  // textual IPv6 address and terminator
 constexpr int NOX_IFACE_NAME_SIZE = 16;

@@ -14,17 +14,33 @@ int NoxDsm::AddAppInfoList(const NoxAppInfoMsgDataType* msg) {
             NOX_MAX_APPLIST_SIZE);
     return -1;
   }
-  if (appInfoMap.empty()) {
+  const bool fullList = appInfoMap.empty();
+  if (fullList || msg->action == NOX_PKG_ACTION_ADD) {
+    // Deliberate safety bound: a list that would grow past NOX_MAX_APPS is refused whole.
+    size_t added = fullList ? msg->apps.size() : 0;
+    if (!fullList) {
+      for (auto app = msg->apps.begin(); app != msg->apps.end(); ++app) {
+        bool again = knownApp(*app);
+        for (auto earlier = msg->apps.begin(); earlier != app && !again; ++earlier)
+          again = earlier->uid == app->uid &&
+                  strncmp(earlier->pkg_name, app->pkg_name, NOX_PKG_NAME_SIZE) == 0;
+        if (!again) ++added;
+      }
+    }
+    if (appInfoMap.size() + added > NOX_MAX_APPS) {
+      NOX_LOG(NOX_LOG_ERROR, NOX_MOD_DSM,
+              "AddAppInfoList: %zu more applications would exceed the limit of %zu, refused",
+              added, NOX_MAX_APPS);
+      return -1;
+    }
+  }
+  if (fullList) {
     // Deliberate: the first message is the full list, whatever its action says.
     for (const NoxAppInfoType& app : msg->apps) insertApp(app);
   } else if (msg->action == NOX_PKG_ACTION_ADD) {
     NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_DSM, "Got NOX_PKG_ACTION_ADD");
     for (const NoxAppInfoType& app : msg->apps) {
-      bool known = false;
-      const auto range = appInfoMap.equal_range(app.uid);
-      for (auto it = range.first; it != range.second && !known; ++it)
-        known = strncmp(it->second.pkg_name, app.pkg_name, NOX_PKG_NAME_SIZE) == 0;
-      if (known) {
+      if (knownApp(app)) {
         NOX_LOG(NOX_LOG_WARN, NOX_MOD_DSM, "App %.*s already exists in map! Ignoring",
                 NOX_PKG_NAME_SIZE, app.pkg_name);
         continue;
@@ -36,6 +52,13 @@ int NoxDsm::AddAppInfoList(const NoxAppInfoMsgDataType* msg) {
     for (const NoxAppInfoType& app : msg->apps) removeApp(app);
   }
   return 1;
+}
+
+bool NoxDsm::knownApp(const NoxAppInfoType& app) const {
+  const auto range = appInfoMap.equal_range(app.uid);
+  for (auto it = range.first; it != range.second; ++it)
+    if (strncmp(it->second.pkg_name, app.pkg_name, NOX_PKG_NAME_SIZE) == 0) return true;
+  return false;
 }
 
 void NoxDsm::removeApp(const NoxAppInfoType& app) {

@@ -88,10 +88,17 @@ bool isWhole(const nlmsghdr* msg, unsigned int len) {
 }
 
 // The name of `index` in `name` (IF_NAMESIZE bytes) if it is one of the modem's links.
-bool modemLinkName(int index, char* name) {
+// For a deletion, an interface that is gone keeps the name its record was made under
+// (`remembered`): deliberate, so that the deletions that outlive it still erase it.
+bool modemLinkName(int index, char* name, const std::map<int, std::string>* remembered) {
   if (if_indextoname(static_cast<unsigned int>(index), name) == nullptr) {
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_DSM, "HandleNlMsg ifName NULL");
-    return false;
+    if (remembered == nullptr) return false;
+    const auto it = remembered->find(index);
+    if (it == remembered->end()) return false;
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_DSM, "HandleNlMsg index %d was %s", index, it->second.c_str());
+    snprintf(name, IF_NAMESIZE, "%s", it->second.c_str());
+    return true;
   }
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_DSM, "HandleNlMsg ifName %s", name);
   return strncmp(name, "mdlnk", 5) == 0;
@@ -108,6 +115,17 @@ void NoxDsm::noxEvtCallback(int, void* cbData) {
   // dump, which is newer, has the last word.
   dsm->nlSocket->NetlinkRecv(0, HandleNlMsg, dsm);
   dsm->dumpAddresses();
+  dsm->forgetVanishedInterfaces();
+}
+
+void NoxDsm::forgetVanishedInterfaces() {
+  std::vector<std::string> gone;
+  for (const auto& entry : wwanIfaceMap)
+    if (if_nametoindex(entry.first.c_str()) == 0) gone.push_back(entry.first);
+  for (std::string& name : gone) {
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_DSM, "interface %s is gone", name.c_str());
+    handleNlLinkDown(&name[0]);
+  }
 }
 
 void NoxDsm::dumpAddresses() {
@@ -150,13 +168,15 @@ void NoxDsm::HandleNlMsg(void* cbData, nlmsghdr* msg, unsigned int len) {
         // Deliberate: link messages are filtered by family too, and the kernel's own carry
         // none; links are followed through their addresses.
         if (!isWantedFamily(ifi->ifi_family)) break;
-        if (!modemLinkName(ifi->ifi_index, ifName.get())) break;
+        const bool up = isNew && (ifi->ifi_flags & IFF_UP) != 0;
+        if (!modemLinkName(ifi->ifi_index, ifName.get(), up ? nullptr : &dsm->nlIndexNames)) break;
         if (!isNew) {
           dsm->handleNlLinkDown(ifName.get());
         } else if ((ifi->ifi_change & IFF_UP) == 0) {
           break;
         } else if ((ifi->ifi_flags & IFF_UP) != 0) {
           dsm->handleNlLinkUp(ifName.get(), ifi->ifi_family);
+          dsm->rememberIndex(ifi->ifi_index, ifName.get());
         } else {
           dsm->handleNlLinkDown(ifName.get());
         }
@@ -169,12 +189,15 @@ void NoxDsm::HandleNlMsg(void* cbData, nlmsghdr* msg, unsigned int len) {
         NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_DSM, "HandleNlMsg %s family %d",
                 isNew ? "NEWADDR" : "DELADDR", ifa->ifa_family);
         if (!isWantedFamily(ifa->ifa_family)) break;
-        if (!modemLinkName(static_cast<int>(ifa->ifa_index), ifName.get())) break;
+        const int index = static_cast<int>(ifa->ifa_index);
+        if (!modemLinkName(index, ifName.get(), isNew ? nullptr : &dsm->nlIndexNames)) break;
         // Losing an address counts as losing the link.
-        if (isNew)
+        if (isNew) {
           dsm->handleNlNewAddr(ifName.get(), ifa);
-        else
+          dsm->rememberIndex(index, ifName.get());
+        } else {
           dsm->handleNlLinkDown(ifName.get());
+        }
         break;
       }
       default:
@@ -213,8 +236,15 @@ void NoxDsm::handleNlLinkDown(char* ifName) {
     it->second.apnList.clear();
     NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_DSM, "handleNlLinkDown erase from map ifName: %s", ifName);
     wwanIfaceMap.erase(it);
+    for (auto index = nlIndexNames.begin(); index != nlIndexNames.end();)
+      index = index->second == key ? nlIndexNames.erase(index) : std::next(index);
   }
   dispatchWwanEvent(ifName);
+}
+
+void NoxDsm::rememberIndex(int index, const char* ifName) {
+  const std::string key = NoxDsmText::ifaceKey(ifName);
+  if (wwanIfaceMap.count(key) != 0) nlIndexNames[index] = key;
 }
 
 void NoxDsm::handleNlNewAddr(char* ifName, ifaddrmsg* ifa) {

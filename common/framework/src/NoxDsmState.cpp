@@ -102,12 +102,22 @@ void NoxDsm::handleWwanEvent(NoxWwanInfoType* info) {
 
   _NoxDsmWwanInfoType& entry = it->second;
   if (info->status == NOX_NW_STATE_CONNECTED) {
+    const bool newApn =
+        std::find(entry.apnList.begin(), entry.apnList.end(), info->apn) == entry.apnList.end();
+    // Deliberate safety bound: past NOX_MAX_APNS_PER_IFACE APNs the notification is
+    // refused whole, and the record stays as it was.
+    if (newApn && entry.apnList.size() >= NOX_MAX_APNS_PER_IFACE) {
+      NOX_LOG(NOX_LOG_ERROR, NOX_MOD_DSM,
+              "handleWwanEvent: %s already has %zu APNs, APN %d refused", key,
+              entry.apnList.size(), info->apn);
+      return;
+    }
     bool changed = false;
     if (entry.state != NOX_NW_STATE_CONNECTED) {
       entry.state = NOX_NW_STATE_CONNECTED;
       changed = true;
     }
-    if (std::find(entry.apnList.begin(), entry.apnList.end(), info->apn) == entry.apnList.end()) {
+    if (newApn) {
       entry.apnList.push_back(info->apn);
       changed = true;
     }
