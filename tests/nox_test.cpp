@@ -127,6 +127,12 @@ TEST(RunDeathTest, ControlSocketFromTheEnvironment) {
   close(p[1]);
 }
 
+timespec gNow = {1000, 0};
+int fakeClock(clockid_t, timespec* now) {
+  *now = gNow;
+  return 0;
+}
+
 // A real Nox serving a real listening socket; the test drives its loop one pass
 // at a time, so every step is deterministic.
 class ClientTest : public ::testing::Test {
@@ -148,6 +154,7 @@ class ClientTest : public ::testing::Test {
     log_.clear();
   }
   void TearDown() override {
+    NoxTimer::clockGetTime = ::clock_gettime;
     // The daemon never ends its clients on its own; release what it still holds.
     for (int fd : admitted()) {
       if (!NoxCom::isApprovedFd(fd)) continue;
@@ -271,6 +278,7 @@ TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
 }
 
 TEST_F(ClientTest, ConnectionsEndOnOversizedRecordHangUpAndHalfClose) {
+  NoxTimer::clockGetTime = fakeClock;
   nox_->dispatcher.regEventCallback(NOX_S_NOTIFY_SCREEN_STATE_CHG, recordEvent, this);
   const int big = connectClient();
   const int midRecord = connectClient();
@@ -300,6 +308,22 @@ TEST_F(ClientTest, ConnectionsEndOnOversizedRecordHangUpAndHalfClose) {
   log_.clear();
   pass();
   EXPECT_EQ(0, log_.count("file descriptor(s) with events pending"));
+  // Once a second has passed without another connection ending, the memory they held
+  // goes back to the system.
+  log_.clear();
+  gNow.tv_sec += 1;
+  nox_->timer.processEvents();
+  connectClient();
+  pass();
+  closeClient(clients_.back());
+  pass();
+  gNow.tv_sec += 1;
+  nox_->timer.processEvents();  // another one ended meanwhile: not yet
+  EXPECT_EQ(0, log_.count("free memory returned"));
+  gNow.tv_sec += 1;
+  nox_->timer.processEvents();
+  EXPECT_TRUE(log_.has("|COMMON| quiet after 4 ended connections: free memory returned to the system"));
+  EXPECT_EQ(-1, nox_->timer.timeUntilNextEvent());
 }
 
 TEST_F(ClientTest, ClientRefusedByGroupIdIsClosedAndTheNextOneAdmitted) {

@@ -76,8 +76,17 @@ class Nox : public INoxTimerMonitor {
   static int count;
 
  private:
+  // A burst of ended connections leaves their record buffers with the allocator: once a
+  // second has passed without another one ending, the free memory goes back to the system.
+  void connectionEnded();
+  static int trimMemory(void* data);
+
   [[noreturn]] static void fatal(const char* message);
   void loadPlugin(const char* file, const char* entry, const char* name, void*& handle);
+
+  bool trimPending = false;
+  unsigned endedSinceCheck = 0;
+  unsigned endedInBurst = 0;
 };
 
 #endif  // NOX_H

@@ -4,6 +4,7 @@
 #include <cutils/record_stream.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@
 namespace {
 constexpr size_t kMaxRecordLen = 8192;
 constexpr int kListenBacklog = 128;
+constexpr long long kTrimQuietMs = 1000;
 
 // `err` is the failed call's errno, taken before any log line can change it.
 void logSysError(const char* what, int err = errno) {
@@ -215,8 +217,37 @@ void Nox::processNoxEvent(int fd, void* data) {
 
 void Nox::processNoxCloseEvent(int, void* data) {
   NoxClientConn* conn = static_cast<NoxClientConn*>(data);
+  Nox* nox = conn->nox;
   record_stream_free(conn->stream);
   delete conn;
+  nox->connectionEnded();
+}
+
+void Nox::connectionEnded() {
+  ++endedInBurst;
+  if (trimPending) {
+    ++endedSinceCheck;
+    return;
+  }
+  trimPending = true;
+  endedSinceCheck = 0;
+  timer.addTimedCallback(kTrimQuietMs, trimMemory, this);
+}
+
+int Nox::trimMemory(void* data) {
+  Nox* nox = static_cast<Nox*>(data);
+  if (nox->endedSinceCheck != 0) {  // still busy: look again a second later
+    nox->endedSinceCheck = 0;
+    return 0;
+  }
+  NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_COMMON,
+          "quiet after %u ended connections: free memory returned to the system", nox->endedInBurst);
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+  nox->trimPending = false;
+  nox->endedInBurst = 0;
+  return -1;
 }
 
 void Nox::parcelAndDispatch(int fd, Nox* nox, void* data, unsigned int len) {
