@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   android-libcutils-dev android-libutils-dev android-liblog-dev
   iproute2 procps
+  libevent-dev libsystemd-dev pkg-config valgrind
 )
 
 missing=()
