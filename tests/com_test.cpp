@@ -126,6 +126,16 @@ TEST_F(ComTest, RemovingAnUnknownDescriptorLeavesNoEntry) {
   ASSERT_EQ(1u, log_.lines().size());
   EXPECT_EQ(text("NoxCom::removeComEventHandler fd " + std::to_string(fd)), log_.lines()[0].text);
   watch(fd);  // would fail if a default entry had been left behind
+
+  // Deliberate: a descriptor epoll refuses (a regular file) is still stored and approved.
+  char path[] = "/tmp/noxcom-XXXXXX";
+  const int file = own(mkstemp(path));
+  unlink(path);
+  EXPECT_TRUE(com_.addComEventHandler(file, &ComTest::onEvent, this, nullptr, EPOLLIN));
+  EXPECT_TRUE(log_.has("|GENERIC| Error: Cannot add NoxCom event handler"));
+  EXPECT_TRUE(NoxCom::isApprovedFd(file));
+  EXPECT_FALSE(com_.addComEventHandler(file, &ComTest::onEvent, this, nullptr, EPOLLIN));
+  com_.removeComEventHandler(file);
 }
 
 TEST_F(ComTest, EventOfDescriptorRemovedEarlierInThePassIsSkippedNotClosed) {

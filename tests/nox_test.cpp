@@ -1,11 +1,14 @@
 #include <cutils/properties.h>
 #include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -275,6 +278,39 @@ TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
   uint8_t buf[32];
   EXPECT_EQ(12, recv(b, buf, sizeof(buf), MSG_DONTWAIT));
   EXPECT_EQ(-1, recv(a, buf, sizeof(buf), MSG_DONTWAIT));
+
+  // Once it is gone, its number serves others, which never get its messages: neither a
+  // client that did not announce itself nor an eventfd, whose send would fail and
+  // unapprove it.
+  closeClient(b);
+  pass();
+  EXPECT_EQ(-1, NoxCom::getNoxClientFd());
+  std::vector<int> lower;  // numbers freed meanwhile, below the one we want
+  int efd;
+  while ((efd = eventfd(0, EFD_NONBLOCK)) >= 0 && efd < fds[1]) lower.push_back(efd);
+  for (int fd : lower) close(fd);
+  ASSERT_EQ(fds[1], efd);
+  nox_->com.addComEventHandler(efd, NoxCom::clearRead, nullptr, nullptr, EPOLLIN);
+  NoxCom::sendUnsolicitedMsg(0, NOX_D_REQ_REQUEST_GET_APP_INFO_LIST);
+  EXPECT_TRUE(NoxCom::isApprovedFd(efd));
+  EXPECT_TRUE(log_.has("|COMMON:COM| Cannot send message to fd='-1', not on approved list"));
+  nox_->com.removeComEventHandler(efd);
+  close(efd);
+  const int c = connectClient();
+  pass();
+  ASSERT_EQ(fds[1], admitted().back());
+  NoxCom::sendUnsolicitedMsg(0, NOX_D_REQ_REQUEST_GET_APP_INFO_LIST);
+  EXPECT_EQ(-1, recv(c, buf, sizeof(buf), MSG_DONTWAIT));
+}
+
+TEST_F(ClientTest, ANewEarliestTimerEndsAWaitAtOnce) {
+  int calls = 0;
+  nox_->timer.addTimedCallback(0, [](void* n) { return ++*static_cast<int*>(n), -1; }, &calls);
+  const auto start = std::chrono::steady_clock::now();
+  nox_->com.processEvents(3000, nox_->timer);
+  EXPECT_EQ(1, calls);
+  // Without the wake-up the wait would take its whole 3 s.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 }
 
 TEST_F(ClientTest, ConnectionsEndOnOversizedRecordHangUpAndHalfClose) {
@@ -324,6 +360,45 @@ TEST_F(ClientTest, ConnectionsEndOnOversizedRecordHangUpAndHalfClose) {
   nox_->timer.processEvents();
   EXPECT_TRUE(log_.has("|COMMON| quiet after 4 ended connections: free memory returned to the system"));
   EXPECT_EQ(-1, nox_->timer.timeUntilNextEvent());
+}
+
+TEST_F(ClientTest, OutOfDescriptorsTheLoopWaitsAndServesTheBacklogLater) {
+  int result[2];
+  ASSERT_EQ(0, pipe(result));
+  const pid_t child = fork();
+  if (child == 0) {
+    // Room for two more descriptors: the third client waits in the backlog.
+    const int lowest = dup(0);
+    close(lowest);
+    const rlimit limit = {rlim_t(lowest + 2), rlim_t(lowest + 2)};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    for (int i = 0; i < 200 && log_.count("sending unsolicited message") == 0; ++i)
+      nox_->com.processEvents(50, nox_->timer);
+    const int lines = log_.count("unable to accept incoming socket");
+    _exit(write(result[1], &lines, sizeof(lines)) == sizeof(lines) ? 0 : 1);
+  }
+  std::vector<int> waiting;
+  for (int i = 0; i < 3; ++i) waiting.push_back(connectClient());
+  usleep(300 * 1000);  // the child takes two, and cannot take the third
+  for (int fd : waiting) closeClient(fd);
+  const int good = connectClient();
+  sendAll(good, record({8, 1}));
+  sendAll(good, record({1, 2, 2, 0}));
+  const timeval limit = {10, 0};
+  setsockopt(good, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  uint8_t reply[20];
+  EXPECT_EQ(20, recv(good, reply, sizeof(reply), MSG_WAITALL));  // served once there was room
+  int lines = -1;
+  EXPECT_EQ(static_cast<ssize_t>(sizeof(lines)), read(result[0], &lines, sizeof(lines)));
+  // Once each time it runs out (the close-and-accept race may make that a few times),
+  // not at every turn of a spinning loop.
+  EXPECT_LE(lines, 8);
+  EXPECT_GE(lines, 1);
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  close(result[0]);
+  close(result[1]);
 }
 
 TEST_F(ClientTest, ClientRefusedByGroupIdIsClosedAndTheNextOneAdmitted) {

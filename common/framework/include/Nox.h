@@ -80,10 +80,17 @@ class Nox : public INoxTimerMonitor {
   // second has passed without another one ending, the free memory goes back to the system.
   void connectionEnded();
   static int trimMemory(void* data);
+  // Out of descriptors, a level-triggered listening socket would be reported ready for
+  // ever: it is not watched until a connection ends or a second has passed.
+  void pauseListening(int listenFd, int err);
+  void resumeListening();
+  static int resumeListeningLater(void* data);
 
   [[noreturn]] static void fatal(const char* message);
   void loadPlugin(const char* file, const char* entry, const char* name, void*& handle);
 
+  int pausedListenFd = -1;
+  bool outOfDescriptors = false;  // logged once for each time it happens
   bool trimPending = false;
   unsigned endedSinceCheck = 0;
   unsigned endedInBurst = 0;

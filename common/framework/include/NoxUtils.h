@@ -83,8 +83,9 @@ enum NoxNetworkStateEnumType : int {
 // Lookups never fail: an unknown value logs a debug line and yields "".
 class NoxUtils {
  public:
-  // Fills the five tables (insert-if-absent). The daemon calls it once at start,
-  // before any other thread exists, so that later lookups only read.
+  // Fills the five tables (insert-if-absent) and makes exitOutOfMemory the process's
+  // new-handler. The daemon calls it once at start, before any other thread exists, so
+  // that later lookups only read.
   static void init();
 
   static const char* getNoxMsgStr(NoxMsgEnumType v);

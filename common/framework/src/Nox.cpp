@@ -29,6 +29,7 @@ namespace {
 constexpr size_t kMaxRecordLen = 8192;
 constexpr int kListenBacklog = 128;
 constexpr long long kTrimQuietMs = 1000;
+constexpr long long kListenRetryMs = 1000;
 
 // `err` is the failed call's errno, taken before any log line can change it.
 void logSysError(const char* what, int err = errno) {
@@ -145,10 +146,15 @@ void Nox::listenSocketCallback(int listenFd, void* data) {
     unsigned char addr[16];
     socklen_t addrLen = sizeof(addr);
     const int fd = accept(listenFd, reinterpret_cast<sockaddr*>(addr), &addrLen);
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+      nox->pauseListening(listenFd, errno);
+      return;
+    }
     if (fd < 0) {
       if (errno != EAGAIN) logSysError("unable to accept incoming socket");
       return;
     }
+    nox->outOfDescriptors = false;
     ucred cred = {};
     socklen_t credLen = sizeof(cred);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) < 0) {
@@ -215,12 +221,38 @@ void Nox::processNoxEvent(int fd, void* data) {
   }
 }
 
-void Nox::processNoxCloseEvent(int, void* data) {
+void Nox::processNoxCloseEvent(int fd, void* data) {
+  // Deliberate: the framework client's number is forgotten with its connection, so that
+  // the next connection or eventfd to get that number never receives its messages;
+  // they are dropped until a client announces itself again.
+  if (NoxCom::getNoxClientFd() == fd) NoxCom::setNoxClientFd(-1);
   NoxClientConn* conn = static_cast<NoxClientConn*>(data);
   Nox* nox = conn->nox;
   record_stream_free(conn->stream);
   delete conn;
   nox->connectionEnded();
+  nox->resumeListening();  // its descriptor is free now
+}
+
+void Nox::pauseListening(int listenFd, int err) {
+  // Deliberate: logged once, not at every attempt, and not retried at once.
+  if (!outOfDescriptors) logSysError("unable to accept incoming socket", err);
+  outOfDescriptors = true;
+  com.removeComEventHandler(listenFd);
+  pausedListenFd = listenFd;
+  timer.addTimedCallback(kListenRetryMs, resumeListeningLater, this);
+}
+
+void Nox::resumeListening() {
+  if (pausedListenFd < 0) return;
+  const int fd = pausedListenFd;
+  pausedListenFd = -1;
+  com.addComEventHandler(fd, listenSocketCallback, this, nullptr, EPOLLIN | EPOLLHUP);
+}
+
+int Nox::resumeListeningLater(void* data) {
+  static_cast<Nox*>(data)->resumeListening();
+  return -1;
 }
 
 void Nox::connectionEnded() {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "NoxLog.h"
 
@@ -33,6 +34,8 @@ const char* lookup(const std::map<E, const char*>& table, E v, const char* missF
 
 void NoxUtils::init() {
   isInitNeeded = false;
+  // Every allocation that fails, in a container or not, ends the same way.
+  std::set_new_handler(exitOutOfMemory);
 
   msg.insert({
       {NOX_D_REQ_REQUEST_GET_APP_INFO_LIST, "NOX_D_REQ_REQUEST_GET_APP_INFO_LIST"},
