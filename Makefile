@@ -29,9 +29,14 @@ test-tsan: deps
 	ninja -C build-tsan -j$(JOBS)
 	cd build-tsan && ctest -j$(JOBS) -L threads --output-on-failure
 
-# Short libFuzzer runs of every fuzz target (clang).
+# Short libFuzzer runs of every fuzz target (clang), over their seed corpora.
 fuzz-smoke: deps
 	scripts/fuzz.sh smoke
+
+# Every fuzz target for FUZZ_SECONDS each.
+FUZZ_SECONDS ?= 300
+fuzz: build
+	scripts/fuzz.sh all $(FUZZ_SECONDS)
 
 test: test-unit test-asan test-tsan fuzz-smoke
 	@echo "All test runs passed."

@@ -1,5 +1,6 @@
-// Feeds arbitrary bytes to the data state manager's netlink handler as one datagram and
-// checks the interface records that come out.
+// Feeds arbitrary bytes as one received datagram through the netlink walk to the data
+// state manager's handler (several messages to a datagram) and checks the interface
+// records that come out.
 
 #include <cutils/properties.h>
 #include <diag_channel.h>
@@ -16,6 +17,7 @@
 
 #include "Nox.h"
 #include "NoxLog.h"
+#include "NoxNetlinkSocket.h"
 
 namespace {
 
@@ -53,10 +55,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return new Nox();
   }();
 
-  // Exactly `size` bytes on the heap, so that a read past the datagram is caught.
+  // Exactly `size` bytes on the heap (aligned for a header), so that a read past the
+  // datagram is caught.
   std::vector<uint8_t> datagram(data, data + size);
-  NoxDsm::HandleNlMsg(&nox->dsm, reinterpret_cast<nlmsghdr*>(datagram.data()),
-                      static_cast<unsigned int>(size));
+  bool overrun = false;
+  NoxNetlinkSocket::WalkDatagram(datagram.data(), size, NoxDsm::HandleNlMsg, &nox->dsm, &overrun);
 
   for (const auto& entry : nox->dsm.getAllWwanInfo()) {
     if (entry.first.compare(0, 5, "mdlnk") != 0) abort();

@@ -1,19 +1,34 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets with clang and libFuzzer. "smoke" runs each briefly;
-# "run TARGET [libFuzzer args...]" runs one for as long as you like.
+# Builds the fuzz targets with clang and libFuzzer, then:
+#   smoke            each target over its seed corpus and a few thousand more inputs (make test)
+#   all [SECONDS]    each target for SECONDS (default 300), one after the other (make fuzz)
+#   run TARGET [libFuzzer args...]   one target for as long as you like
+# New inputs go to build-fuzz/corpus/TARGET; the seeds in fuzz/corpus are only read.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DNOX_FUZZ=ON -DNOX_BUILD_TESTS=OFF \
   -DNOX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 ninja -C build-fuzz -j"${JOBS:-2}" >/dev/null
+
+# Runs target $1 with libFuzzer arguments $2...; prints its last line.
+fuzz() {
+  local target=$1 name
+  shift
+  name=$(basename "$target")
+  mkdir -p "build-fuzz/corpus/$name"
+  echo "== $name"
+  "$target" -max_len=8192 "$@" "build-fuzz/corpus/$name" "fuzz/corpus/$name" 2>&1 | tail -n 1
+  return "${PIPESTATUS[0]}"
+}
+
 mode=${1:-smoke}
 case "$mode" in
   smoke)
-    for t in build-fuzz/fuzz/*_fuzz; do
-      [ -x "$t" ] || continue
-      echo "== $(basename "$t")"
-      "$t" -runs=20000 -max_len=4096 2>&1 | tail -n 1
-    done
+    for t in build-fuzz/fuzz/*_fuzz; do fuzz "$t" -runs=20000 -max_total_time=20; done
+    ;;
+  all)
+    seconds=${2:-300}
+    for t in build-fuzz/fuzz/*_fuzz; do fuzz "$t" -max_total_time="$seconds" -print_final_stats=1; done
     ;;
   run)
     shift
@@ -22,7 +37,7 @@ case "$mode" in
     exec "build-fuzz/fuzz/$target" "$@"
     ;;
   *)
-    echo "usage: $0 [smoke | run TARGET [args...]]" >&2
+    echo "usage: $0 [smoke | all [SECONDS] | run TARGET [args...]]" >&2
     exit 2
     ;;
 esac

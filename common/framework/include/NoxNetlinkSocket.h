@@ -3,6 +3,7 @@
 
 #include <linux/netlink.h>
 
+#include <cstddef>
 #include <cstdint>
 
 // Called with each data message (or, from NetlinkRecvSocketEvent, the whole datagram).
@@ -40,6 +41,13 @@ class NoxNetlinkSocket {
   // Reads one datagram (blocking if the socket blocks; call it when `fd` is readable) and
   // passes at most its first 72 bytes to `callback` unchecked. `seqno` is not used.
   void NetlinkRecvSocketEvent(unsigned int seqno, NoxNetlinkCallback callback, void* userData);
+
+  // Walks the messages of one received datagram of `len` bytes at `buf` (aligned for
+  // nlmsghdr): each data message goes to `callback`; a message whose length does not fit
+  // ends the walk. True when a done, error or overrun message was seen (an overrun also
+  // sets *overrun).
+  static bool WalkDatagram(unsigned char* buf, size_t len, NoxNetlinkCallback callback,
+                           void* userData, bool* overrun);
 
   // True once after the kernel reported dropped messages (ENOBUFS on receive, or an
   // overrun message): notifications were lost and the owner should dump again.

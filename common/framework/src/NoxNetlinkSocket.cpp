@@ -22,13 +22,6 @@ constexpr uint16_t kDumpRequestFlags = NLM_F_REQUEST | NLM_F_DUMP;  // 0x301
 
 static_assert(kDumpRequestFlags == 0x301, "request, root and match");
 
-// Progress of one NetlinkRecv.
-enum RecvState {
-  kRecvReading = 0,
-  kRecvForwarded = 1,
-  kRecvLast = 2,  // a done, overrun or error message, or a sender that is not netlink
-};
-
 void logRecvError(int err) {
   NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_NETLINK, "NoxNetlinkSocket Recv: %d", -1);
   if (err == EAGAIN) {
@@ -139,7 +132,8 @@ unsigned int NoxNetlinkSocket::NetlinkSend(nlmsghdr* msg, unsigned int len) {
 void NoxNetlinkSocket::NetlinkRecv(unsigned int wantedSeqno, NoxNetlinkCallback callback,
                                    void* userData) {
   alignas(nlmsghdr) unsigned char buf[kRecvBufferSize];
-  int state = kRecvReading;
+  // Set by a done, overrun or error message, or a sender that is not netlink.
+  bool last = false;
   do {
     NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_NETLINK, "NoxNetlinkSocket Recv");
     sockaddr_nl sender;
@@ -165,7 +159,7 @@ void NoxNetlinkSocket::NetlinkRecv(unsigned int wantedSeqno, NoxNetlinkCallback 
     NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_NETLINK, "NoxNetlinkSocket Recv: %d", static_cast<int>(got));
     if (got == 0) return;
 
-    if (header.msg_namelen != sizeof(sockaddr_nl)) state = kRecvLast;
+    if (header.msg_namelen != sizeof(sockaddr_nl)) last = true;
     if (sender.nl_pid != 0) {
       NOX_LOG(NOX_LOG_WARN, NOX_MOD_NETLINK,
               "Netlink returned msg from another process %d, skipping",
@@ -188,42 +182,48 @@ void NoxNetlinkSocket::NetlinkRecv(unsigned int wantedSeqno, NoxNetlinkCallback 
     NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "Wildcard seqno returned %d",
             static_cast<int>(firstSeqno));
 
-    unsigned char* at = buf;
-    while (remaining >= sizeof(nlmsghdr)) {
-      nlmsghdr* msg = reinterpret_cast<nlmsghdr*>(at);
-      const size_t len = msg->nlmsg_len;
-      if (len < sizeof(nlmsghdr) || len > remaining) break;
-      NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "Handling nlmsg_type %d %d", msg->nlmsg_type,
-              static_cast<int>(len));
-      switch (msg->nlmsg_type) {
-        case NLMSG_NOOP:
-          NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "Skipping netlink noop message");
-          break;
-        case NLMSG_ERROR:
-          state = kRecvLast;
-          logErrorMessage(msg);
-          break;
-        case NLMSG_OVERRUN:
-          overrun_ = true;
-          state = kRecvLast;
-          break;
-        case NLMSG_DONE:
-          state = kRecvLast;
-          break;
-        default:
-          // An end already seen in this datagram stands; data after it does not undo it.
-          if (state != kRecvLast) state = kRecvForwarded;
-          NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "forwarding to %p",
-                  reinterpret_cast<void*>(callback));
-          callback(userData, msg, static_cast<unsigned int>(remaining));
-          break;
-      }
-      const size_t step = NLMSG_ALIGN(len);
-      if (step >= remaining) break;
-      at += step;
-      remaining -= step;
+    if (WalkDatagram(buf, remaining, callback, userData, &overrun_)) last = true;
+  } while (!last);
+}
+
+bool NoxNetlinkSocket::WalkDatagram(unsigned char* buf, size_t remaining,
+                                    NoxNetlinkCallback callback, void* userData, bool* overrun) {
+  bool last = false;
+  unsigned char* at = buf;
+  while (remaining >= sizeof(nlmsghdr)) {
+    nlmsghdr* msg = reinterpret_cast<nlmsghdr*>(at);
+    const size_t len = msg->nlmsg_len;
+    if (len < sizeof(nlmsghdr) || len > remaining) break;
+    NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "Handling nlmsg_type %d %d", msg->nlmsg_type,
+            static_cast<int>(len));
+    switch (msg->nlmsg_type) {
+      case NLMSG_NOOP:
+        NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "Skipping netlink noop message");
+        break;
+      case NLMSG_ERROR:
+        last = true;
+        logErrorMessage(msg);
+        break;
+      case NLMSG_OVERRUN:
+        *overrun = true;
+        last = true;
+        break;
+      case NLMSG_DONE:
+        last = true;
+        break;
+      default:
+        // An end already seen in this datagram stands; data after it does not undo it.
+        NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_NETLINK, "forwarding to %p",
+                reinterpret_cast<void*>(callback));
+        callback(userData, msg, static_cast<unsigned int>(remaining));
+        break;
     }
-  } while (state != kRecvLast);
+    const size_t step = NLMSG_ALIGN(len);
+    if (step >= remaining) break;
+    at += step;
+    remaining -= step;
+  }
+  return last;
 }
 
 void NoxNetlinkSocket::NetlinkRecvSocketEvent(unsigned int /*seqno*/, NoxNetlinkCallback callback,
