@@ -2,10 +2,13 @@
 // reference server and prints one line of name=value results.
 //
 //   noxload pipeline SOCKET --depth D (--seconds S [--warmup W] | --count N) [--pid PID]
+//                    [--spin 1]
 //       The framework client: "init done", then "get feature status 2" requests with D
 //       outstanding. Timed: requests per second, latency p50/p99 and, with --pid, the
 //       server's CPU time per request, over the S seconds after W seconds of warm-up.
-//       Counted: exactly N requests, nothing timed (for an instruction count).
+//       Counted: exactly N requests, nothing timed (for an instruction count). --spin 1
+//       polls for answers instead of sleeping, for a client with a core of its own: its
+//       own wake-ups then stay out of the latency.
 //   noxload storm SOCKET --cycles N --pid PID
 //       N connect-and-close cycles as fast as they go: the most descriptors PID held, and
 //       its anonymous memory before, at the end, and once idle again (its descriptors
@@ -16,6 +19,7 @@
 //   noxload wwan SOCKET --modem MODEMSOCK [--iface-prefix P] [--expect N] [--repeat R]
 //       Reports mobile data connected on interface P0, P1, ... P(R-1) in turn, and times
 //       each until the modem simulator shows N more clients.
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -50,6 +54,7 @@ int runPipeline(const std::string& path, int argc, char** argv) {
   const double warmup = optionReal(argc, argv, "warmup", 0.2);
   const uint64_t count = static_cast<uint64_t>(optionNum(argc, argv, "count", 0));
   const pid_t pid = static_cast<pid_t>(optionNum(argc, argv, "pid", 0));
+  const int recvFlags = optionNum(argc, argv, "spin", 0) != 0 ? MSG_DONTWAIT : 0;
   if (depth < 1 || depth > 1024) fail("--depth takes 1 to 1024");
   const bool counted = count > 0;
 
@@ -81,7 +86,8 @@ int runPipeline(const std::string& path, int argc, char** argv) {
   uint8_t in[65536];
   size_t used = 0;
   while (done < sent) {
-    const ssize_t n = recv(fd, in + used, sizeof(in) - used, 0);
+    const ssize_t n = recv(fd, in + used, sizeof(in) - used, recvFlags);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (n <= 0) fail("the server ended the connection after " + std::to_string(done) + " answers");
     const int64_t now = nowNs();
     used += static_cast<size_t>(n);
