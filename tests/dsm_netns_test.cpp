@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <set>
 #include <functional>
 #include <memory>
 #include <string>
@@ -250,6 +251,44 @@ TEST_F(DsmNetnsTest, LostNotificationsAreRecoveredByDumpingAgain) {
   EXPECT_EQ("mdlnk1,10.2.0.1,mdlnk1,", rec("mdlnk1"));
   EXPECT_FALSE(has("mdlnk0"));  // gone from the kernel, so from the records
   EXPECT_EQ("4,mdlnk0,,", lastIface());
+}
+
+// Hundreds of modem interfaces come and go, flap, and gain and lose addresses in bursts
+// (many vanish before their notifications are read): afterwards the records are those of
+// the interfaces that still have an address, and the loop is idle.
+TEST_F(DsmNetnsTest, StormsLeaveTheRecordsAsTheKernelHasThem) {
+  std::string batch;
+  std::set<std::string> expected;
+  for (int i = 10; i < 210; ++i) {
+    const std::string name = "mdlnk" + std::to_string(i);
+    const std::string v4 = "10." + std::to_string(i / 100) + "." + std::to_string(i % 100);
+    batch += "tuntap add dev " + name + " mode tun\nlink set dev " + name +
+             " addrgenmode none\nlink set dev " + name + " up\naddr add " + v4 + ".1/32 dev " +
+             name + "\naddr add 2001:db8:" + std::to_string(i) + "::1/64 dev " + name + " nodad\n";
+    if (i % 2 == 1) {  // gone, addresses and all
+      batch += "link del dev " + name + "\n";
+      continue;
+    }
+    // Flapping, then a burst of address changes; it ends with one address.
+    batch += "link set dev " + name + " down\nlink set dev " + name + " up\naddr del " + v4 +
+             ".1/32 dev " + name + "\naddr add " + v4 + ".2/32 dev " + name + "\n";
+    expected.insert(name);
+  }
+  FILE* ip = popen("ip -batch - 2>&1", "w");
+  ASSERT_NE(nullptr, ip);
+  fputs(batch.c_str(), ip);
+  ASSERT_EQ(0, pclose(ip));
+  auto records = [&] {
+    std::set<std::string> names;
+    for (const auto& entry : dsm().getAllWwanInfo()) names.insert(entry.first);
+    return names;
+  };
+  EXPECT_TRUE(driveUntil([&] { return records() == expected; }));
+  EXPECT_EQ(expected, records());
+  log_.clear();
+  nox_->com.processEvents(0, nox_->timer);
+  EXPECT_EQ(0, log_.count("file descriptor(s) with events pending"));
+  for (int i = 10; i < 210; i += 2) delLink("mdlnk" + std::to_string(i));
 }
 
 // WWAN notifications name interfaces that must exist, so they run here too.

@@ -19,6 +19,7 @@
 #include "ModemSimProcess.h"
 #include "Nox.h"
 #include "TestLog.h"
+#include "Wire.h"
 
 namespace {
 
@@ -111,6 +112,47 @@ TEST_F(DsmTest, NsrmStatusIsKeptInItsPropertyAndAnswered) {
   EXPECT_EQ((Ints{1, 4, 2, 1, 0}), ask({3, 0, 2, 2, 3}));
   EXPECT_EQ("", nsrmProperty());
   EXPECT_TRUE(events_->ids.empty());
+}
+
+// Every message, cut at every length of its payload, through the record path: nothing
+// crashes, a screen or tethering record without a usable list is reported as corrupted,
+// and the daemon goes on answering.
+TEST_F(DsmTest, EveryRecordCutAtEveryLengthLeavesTheDaemonServing) {
+  Wire apps = Wire().i32(0).i32(2);
+  apps.app(u"com.a", 10050).app(u"com.b", 10051);
+  std::vector<Wire> full(15);
+  full[NOX_S_REQ_GET_FEATURE_STATUS] = Wire().i32(2).i32(2).i32(3);
+  full[NOX_S_REQ_SET_FEATURE_PREF] = Wire().i32(2).i32(2).i32(2);
+  full[NOX_S_RSP_REFRESH_NSRM_CONFIG] = Wire().i32(2).i32(5).i32(6);
+  full[NOX_S_NOTIFY_WLAN_STATE_CHG] = Wire().i32(1).i32(1).i32(0);
+  full[NOX_S_NOTIFY_WWAN_STATE_CHG] =
+      Wire().i32(0).i32(1).i32(13).i32(0).i32(0).str(u"10.0.0.5").str(u"lo").str(u"").str(u"").str(u"310260");
+  full[NOX_S_NOTIFY_NSRM_BKG_EVT_STATE_CHG] = Wire().i32(3).i32(1).i32(2).i32(3);
+  full[NOX_S_NOTIFY_APP_INFO_LIST_CHG] = apps;
+  full[NOX_S_NOTIFY_SCREEN_STATE_CHG] = Wire().i32(1).i32(0);
+  full[NOX_S_NOTIFY_TETHERING_STATE_CHG] = Wire().i32(1).i32(1);
+  for (int32_t id = 0; id < 15; ++id) {
+    for (size_t cut = 0; cut <= full[id].b.size(); ++cut) {
+      Wire w = Wire().i32(id).i32(static_cast<int32_t>(cut));
+      w.b.insert(w.b.end(), full[id].b.begin(), full[id].b.begin() + static_cast<long>(cut));
+      const std::vector<uint8_t> r = w.record();
+      ASSERT_EQ(ssize_t(r.size()), write(fds_[0], r.data(), r.size()));
+      nox_->com.processEvents(0, nox_->timer);
+    }
+  }
+  // Count 0 and a list over 100 ints are no list.
+  for (int32_t count : {0, 101}) {
+    Wire w = Wire().i32(NOX_S_NOTIFY_SCREEN_STATE_CHG).i32(0).i32(count);
+    for (int32_t i = 0; i < count; ++i) w.i32(0);
+    const std::vector<uint8_t> r = w.record();
+    ASSERT_EQ(ssize_t(r.size()), write(fds_[0], r.data(), r.size()));
+    nox_->com.processEvents(0, nox_->timer);
+  }
+  EXPECT_LE(4, log_.count("|COMMON:DSM| DSM processNoxCmd: data corrupted"));
+  char drained[65536];
+  while (recv(fds_[0], drained, sizeof(drained), MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ((Ints{1, NOX_S_RSP_GET_FEATURE_STATUS, 2, 2}), ask({1, 0, 2, 2, 0}));
 }
 
 TEST_F(DsmTest, WlanDhcpRenewIsNotReported) {

@@ -6,25 +6,10 @@
 
 #include "NoxParcel.h"
 #include "TestLog.h"
+#include "Wire.h"
 
 namespace {
 
-// Parcel bytes by hand: little-endian int32s; a String16 is its unit count, the units,
-// a 0 unit and zero padding to 4 bytes.
-struct Wire {
-  std::vector<uint8_t> b;
-  Wire& i32(int32_t v) {
-    for (int shift = 0; shift < 32; shift += 8) b.push_back(static_cast<uint32_t>(v) >> shift);
-    return *this;
-  }
-  Wire& str(const std::u16string& s) {
-    i32(static_cast<int32_t>(s.size()));
-    for (char16_t c : s) b.insert(b.end(), {uint8_t(c & 0xff), uint8_t(c >> 8)});
-    b.resize((b.size() + 5) & ~size_t{3});
-    return *this;
-  }
-  Wire& app(const std::u16string& pkg, uint32_t uid) { return str(pkg).i32(uid).str(u"a"); }
-};
 Wire wwan(std::initializer_list<std::u16string> strings) {
   Wire w = Wire().i32(1).i32(2).i32(13).i32(0).i32(5);
   for (const auto& s : strings) w.str(s);
@@ -83,6 +68,10 @@ TEST_F(ParcelCodecTest, WwanStringMustBeStrictlyShorterThanItsField) {
   EXPECT_TRUE(
       logged("     data: type:1 status:2 nwType:13 roaming:0 apn:5 ipV4:10.0.0.1 "
              "ifaceV4:mdlnk_modem0123 ipV6:fe80::1 ifaceV6: mccmnc = 310260"));
+
+  // An unpaired surrogate is left out; the rest converts, terminated.
+  decode(wwan({u"", u"md\xd800x", u"", u"", u""}), info);
+  EXPECT_STREQ("mdx", info.ifaceV4);
 
   // 15 units of U+00E9 are 30 bytes of UTF-8: cut at 15, mid-character.
   decode(wwan({u"", std::u16string(15, u'\u00e9'), u"", u"", u"3102601"}), info);

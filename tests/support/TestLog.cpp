@@ -44,6 +44,11 @@ std::vector<LogCapture::Line> LogCapture::lines() const {
   return *sink_;
 }
 
+size_t LogCapture::size() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sink_->size();
+}
+
 bool LogCapture::has(const std::string& text) const {
   for (const Line& l : lines())
     if (l.text == text) return true;

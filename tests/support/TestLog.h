@@ -23,6 +23,8 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<Line> lines() const;
+  // The number of lines so far (cheap: no copy).
+  size_t size() const;
   // True if some line's text equals `text` exactly ("|TAG| message").
   bool has(const std::string& text) const;
   // Number of lines whose text contains `needle`.

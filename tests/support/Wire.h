@@ -1,0 +1,32 @@
+#ifndef NOX_TESTS_WIRE_H
+#define NOX_TESTS_WIRE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Parcel bytes by hand: little-endian int32s; a String16 is its unit count, the units,
+// a 0 unit and zero padding to 4 bytes.
+struct Wire {
+  std::vector<uint8_t> b;
+  Wire& i32(int32_t v) {
+    for (int shift = 0; shift < 32; shift += 8) b.push_back(static_cast<uint32_t>(v) >> shift);
+    return *this;
+  }
+  Wire& str(const std::u16string& s) {
+    i32(static_cast<int32_t>(s.size()));
+    for (char16_t c : s) b.insert(b.end(), {uint8_t(c & 0xff), uint8_t(c >> 8)});
+    b.resize((b.size() + 5) & ~size_t{3});
+    return *this;
+  }
+  Wire& app(const std::u16string& pkg, uint32_t uid) { return str(pkg).i32(uid).str(u"a"); }
+  // A control-socket record: the big-endian length, then these bytes.
+  std::vector<uint8_t> record() const {
+    const uint32_t n = static_cast<uint32_t>(b.size());
+    std::vector<uint8_t> out = {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
+    out.insert(out.end(), b.begin(), b.end());
+    return out;
+  }
+};
+
+#endif  // NOX_TESTS_WIRE_H
