@@ -13,16 +13,15 @@ constexpr size_t kMaxParcelSize = INT32_MAX;
 
 constexpr size_t padSize(size_t len) { return (len + 3) & ~static_cast<size_t>(3); }
 
-// data() of an empty Parcel still points somewhere, so memcpy(dst, p.data(), 0) is valid.
-const uint8_t kEmpty[4] = {0, 0, 0, 0};
-
 }  // namespace
 
-Parcel::Parcel() : mData(nullptr), mDataSize(0), mDataCapacity(0), mDataPos(0) {}
+Parcel::Parcel() : mData(mInline), mDataSize(0), mDataCapacity(kInlineSize), mDataPos(0) {}
 
-Parcel::~Parcel() { free(mData); }
+Parcel::~Parcel() {
+  if (onHeap()) free(mData);
+}
 
-const uint8_t* Parcel::data() const { return mData != nullptr ? mData : kEmpty; }
+const uint8_t* Parcel::data() const { return mData; }
 
 size_t Parcel::dataSize() const { return mDataSize; }
 
@@ -34,23 +33,29 @@ void Parcel::setDataPosition(size_t pos) const { mDataPos = pos < mDataSize ? po
 
 status_t Parcel::setData(const uint8_t* buffer, size_t len) {
   if (len > kMaxParcelSize || (buffer == nullptr && len > 0)) return BAD_VALUE;
-  uint8_t* copy = nullptr;
-  if (len > 0) {
-    copy = static_cast<uint8_t*>(malloc(len));
+  if (len <= kInlineSize) {
+    if (len > 0) memmove(mInline, buffer, len);  // the buffer may be our own data
+    if (onHeap()) free(mData);
+    mData = mInline;
+    mDataCapacity = kInlineSize;
+  } else {
+    uint8_t* copy = static_cast<uint8_t*>(malloc(len));
     if (copy == nullptr) return NO_MEMORY;
     memcpy(copy, buffer, len);
+    if (onHeap()) free(mData);
+    mData = copy;
+    mDataCapacity = len;
   }
-  free(mData);
-  mData = copy;
-  mDataSize = mDataCapacity = len;
+  mDataSize = len;
   mDataPos = 0;
   return OK;
 }
 
 void Parcel::freeData() {
-  free(mData);
-  mData = nullptr;
-  mDataSize = mDataCapacity = mDataPos = 0;
+  if (onHeap()) free(mData);
+  mData = mInline;
+  mDataCapacity = kInlineSize;
+  mDataSize = mDataPos = 0;
 }
 
 status_t Parcel::growTo(size_t size) {
@@ -59,8 +64,9 @@ status_t Parcel::growTo(size_t size) {
   // Grow by half again as libbinder does, so a run of small writes stays linear.
   size_t capacity = size + size / 2;
   if (capacity > kMaxParcelSize) capacity = kMaxParcelSize;
-  uint8_t* grown = static_cast<uint8_t*>(realloc(mData, capacity));
+  uint8_t* grown = static_cast<uint8_t*>(onHeap() ? realloc(mData, capacity) : malloc(capacity));
   if (grown == nullptr) return NO_MEMORY;
+  if (!onHeap()) memcpy(grown, mInline, mDataSize);
   mData = grown;
   mDataCapacity = capacity;
   return OK;
@@ -81,12 +87,7 @@ status_t Parcel::writeAligned(const void* bytes, size_t len) {
   return OK;
 }
 
-status_t Parcel::writeInt32(int32_t val) {
-  uint8_t bytes[4];
-  const uint32_t u = static_cast<uint32_t>(val);
-  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uint8_t>(u >> (8 * i));
-  return writeAligned(bytes, sizeof(bytes));
-}
+status_t Parcel::writeInt32Slow(int32_t val) { return writeAligned(&val, sizeof(val)); }
 
 status_t Parcel::writeString16(const char16_t* str, size_t len) {
   if (str == nullptr) return writeInt32(-1);
@@ -109,25 +110,6 @@ status_t Parcel::writeString16(const char16_t* str, size_t len) {
 }
 
 status_t Parcel::writeString16(const String16& str) { return writeString16(str.string(), str.size()); }
-
-status_t Parcel::readInt32(int32_t* out) const {
-  if (dataAvail() < 4) {
-    *out = 0;
-    return NOT_ENOUGH_DATA;
-  }
-  const uint8_t* p = mData + mDataPos;
-  const uint32_t u = static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-                     static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-  *out = static_cast<int32_t>(u);
-  mDataPos += 4;
-  return OK;
-}
-
-int32_t Parcel::readInt32() const {
-  int32_t val;
-  readInt32(&val);
-  return val;
-}
 
 const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
   *outLen = 0;

@@ -12,7 +12,10 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <thread>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 namespace {
 
@@ -20,10 +23,27 @@ constexpr size_t kValueMax = PROPERTY_VALUE_MAX - 1;
 // A property file is small; anything bigger is not one.
 constexpr off_t kMaxFileSize = 1 << 20;
 
+// Held only around a look-up or a rewrite, never while anything waits: readers take it
+// without a system call, as a device's reads do.
+class SpinLock {
+ public:
+  void lock() {
+    while (flag_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+  }
+  void unlock() { flag_.clear(std::memory_order_release); }
+
+ private:
+  std::atomic_flag flag_ = ATOMIC_FLAG_INIT;
+};
+
+typedef std::map<std::string, std::string> Values;
+
 struct Store {
-  std::mutex lock;
-  // Transparent: a look-up by a C string makes no temporary string.
-  std::map<std::string, std::string, std::less<>> values;
+  SpinLock lock;
+  Values values;  // in the order the file is written
+  // The same values by name, for property_get: one hash and one compare. Views into
+  // `values`, made again after every change.
+  std::unordered_map<std::string_view, std::string_view> byName;
   std::string path;  // empty: memory only
   bool envChecked = false;
 };
@@ -35,8 +55,6 @@ Store& store() {
   static Store* const s = new Store;
   return *s;
 }
-
-typedef std::map<std::string, std::string, std::less<>> Values;
 
 // Whether the directory of `path` takes a new file (the atomic rewrite needs that).
 bool directoryWritable(const std::string& path) {
@@ -120,11 +138,17 @@ bool saveFile(const std::string& path, const Values& values) {
   return false;
 }
 
+void reindex(Store& s) {
+  s.byName.clear();
+  for (const auto& kv : s.values) s.byName.emplace(kv.first, kv.second);
+}
+
 // Adopts `path` (null or empty: memory only). On failure the store is left as it was.
 bool useFile(Store& s, const char* path) {
   Values loaded;
   if (path != nullptr && path[0] != '\0' && !loadFile(path, &loaded)) return false;
   s.values.swap(loaded);
+  reindex(s);
   s.path = path != nullptr ? path : "";
   return true;
 }
@@ -151,10 +175,10 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
   };
   if (key != nullptr) {
     Store& s = store();
-    std::lock_guard<std::mutex> guard(s.lock);
+    std::lock_guard<SpinLock> guard(s.lock);
     checkEnvOnce(s);
-    const auto it = s.values.find(key);
-    if (it != s.values.end() && !it->second.empty())
+    const auto it = s.byName.find(std::string_view(key));
+    if (it != s.byName.end() && !it->second.empty())
       return copy(it->second.data(), it->second.size());
   }
   const char* src = default_value != nullptr ? default_value : "";
@@ -164,16 +188,18 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
 namespace {
 bool storeValue(const char* key, const char* value) {
   Store& s = store();
-  std::lock_guard<std::mutex> guard(s.lock);
+  std::lock_guard<SpinLock> guard(s.lock);
   checkEnvOnce(s);
   if (s.path.empty()) {
     s.values[key] = value;
+    reindex(s);
     return true;
   }
   Values next = s.values;
   next[key] = value;
   if (!saveFile(s.path, next)) return false;
   s.values.swap(next);
+  reindex(s);
   return true;
 }
 }  // namespace
@@ -198,15 +224,16 @@ extern "C" void property_host_set_watcher(property_host_watcher_fn watcher) {
 
 extern "C" void property_host_reset(void) {
   Store& s = store();
-  std::lock_guard<std::mutex> guard(s.lock);
+  std::lock_guard<SpinLock> guard(s.lock);
   s.values.clear();
+  s.byName.clear();
   s.path.clear();
   s.envChecked = true;
 }
 
 extern "C" int property_host_use_file(const char* path) {
   Store& s = store();
-  std::lock_guard<std::mutex> guard(s.lock);
+  std::lock_guard<SpinLock> guard(s.lock);
   s.envChecked = true;
   return useFile(s, path) ? 0 : -1;
 }

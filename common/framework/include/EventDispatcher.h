@@ -3,7 +3,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <list>
 #include <map>
+#include <memory>
 #include <new>
 
 // Ordered registry from event id to callbacks. Handlers of one id run in
@@ -24,7 +26,10 @@ class EventDispatcher {
   EventDispatcher(const EventDispatcher&) = delete;
   EventDispatcher& operator=(const EventDispatcher&) = delete;
   ~EventDispatcher() {
-    for (auto& entry : registry) delete entry.second;
+    for (int n = 0; direct_ && n < kDirectIds; ++n)
+      for (cbentry* entry : direct_[n]) delete entry;
+    for (auto& id : others_)
+      for (cbentry* entry : id.second) delete entry;
   }
 
   // Appends (cb, userData) after the handlers already registered for `id`.
@@ -33,24 +38,23 @@ class EventDispatcher {
     cbentry* entry = new (std::nothrow) cbentry{cb, userData, 0};
     if (entry == nullptr) outOfMemory();
     try {
-      registry.insert(typename Registry::value_type(id, entry));  // after equal keys
+      entries(id, true)->push_back(entry);
     } catch (const std::bad_alloc&) {
       outOfMemory();
     }
-    changed = true;
   }
 
   // Removes the first entry matching (cb, userData) under `id`. An entry being
   // called is only marked; the dispatch that is calling it frees it.
   void deregEventCallback(T id, Callback cb, void* userData) {
-    auto range = registry.equal_range(id);
-    for (auto it = range.first; it != range.second; ++it) {
-      cbentry* entry = it->second;
+    Entries* list = entries(id, false);
+    if (list == nullptr) return;
+    for (auto it = list->begin(); it != list->end(); ++it) {
+      cbentry* entry = *it;
       if (entry->cb != cb || entry->userData != userData) continue;
       if (entry->state == 0) {
         delete entry;
-        registry.erase(it);
-        changed = true;
+        list->erase(it);
       } else if (entry->state == 1) {
         entry->state = 2;
       }
@@ -61,23 +65,20 @@ class EventDispatcher {
   // Calls every handler registered for `id` with `data`, in registration order.
   // Handlers registered for `id` during the dispatch are called in it too.
   void dispatchEvent(T id, const void* data) {
-    auto it = registry.lower_bound(id);
-    auto end = registry.upper_bound(id);
-    changed = false;
-    while (it != end) {
-      cbentry* entry = it->second;
+    Entries* list = entries(id, false);
+    if (list == nullptr) return;
+    // A list never moves, and erasing another entry leaves `it` valid.
+    for (auto it = list->begin(); it != list->end();) {
+      cbentry* entry = *it;
       // A nested dispatch leaves an entry that an outer one is calling to that outer one.
       const bool ours = entry->state == 0;
       if (ours) entry->state = 1;
       entry->cb(id, data, entry->userData);
-      // The range end is recomputed after every call: a nested dispatch may have
-      // cleared the changed flag after the registry did change.
-      end = registry.upper_bound(id);
       if (!ours) {
         ++it;
       } else if (entry->state == 2) {
         delete entry;
-        it = registry.erase(it);
+        it = list->erase(it);
       } else {
         entry->state = 0;
         ++it;
@@ -86,18 +87,38 @@ class EventDispatcher {
   }
 
   // Number of entries registered for `id` (removed-while-running ones included).
-  size_t count(T id) const { return registry.count(id); }
+  size_t count(T id) const {
+    const Entries* list = const_cast<EventDispatcher*>(this)->entries(id, false);
+    return list != nullptr ? list->size() : 0;
+  }
 
  private:
-  typedef std::multimap<T, cbentry*> Registry;
+  typedef std::list<cbentry*> Entries;
+  // The framework's ids are small numbers: those index an array, found in one step on
+  // every dispatch; any other id has a node of its own.
+  static constexpr int kDirectIds = 32;
+
+  Entries* entries(T id, bool create) {
+    const long n = static_cast<long>(id);
+    if (n >= 0 && n < kDirectIds) {
+      if (!direct_) {
+        if (!create) return nullptr;
+        direct_.reset(new Entries[kDirectIds]);
+      }
+      return &direct_[n];
+    }
+    const auto it = others_.find(id);
+    if (it != others_.end()) return &it->second;
+    return create ? &others_[id] : nullptr;
+  }
 
   [[noreturn]] static void outOfMemory() {
     printf("out of memory\n");
     exit(1);
   }
 
-  Registry registry;
-  bool changed = false;
+  std::unique_ptr<Entries[]> direct_;
+  std::map<T, Entries> others_;
 };
 
 #endif  // NOX_EVENT_DISPATCHER_H

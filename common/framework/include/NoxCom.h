@@ -26,6 +26,7 @@ class NoxCom {
     ComEventCallback cb = nullptr;
     ComCloseCallback closeCb = nullptr;
     void* data = nullptr;
+    bool registered = false;
   };
 
   // Creates the epoll instance and the wake-up eventfd; aborts the process on failure.
@@ -36,7 +37,7 @@ class NoxCom {
   NoxCom& operator=(const NoxCom&) = delete;
 
   // Registers `fd` for `events` and approves it. False (nothing changes) when `fd`
-  // already has a handler. The caller keeps ownership of the descriptor.
+  // already has a handler or is negative. The caller keeps ownership of the descriptor.
   // From any other thread (the modem library's) the registration is handed to the
   // loop, which makes it at its next pass; the call then returns true at once.
   bool addComEventHandler(int fd, ComEventCallback cb, void* data, ComCloseCallback closeCb,
@@ -61,7 +62,9 @@ class NoxCom {
   // The descriptors whose event callback is `cb`, ascending.
   std::vector<int> descriptorsServedBy(ComEventCallback cb) const;
 
-  static bool isApprovedFd(int fd);
+  static bool isApprovedFd(int fd) {
+    return fd >= 0 && static_cast<size_t>(fd) < approvedFd.size() && approvedFd[fd] != 0;
+  }
   static void addApprovedFd(int fd);
   static void remApprovedFd(int fd);
   static int getNoxClientFd();
@@ -86,7 +89,9 @@ class NoxCom {
   int epollFd;
   int wakeFd;
   epoll_event events[kMaxEvents];
-  std::map<int, ComHandlerObject> comHandlers;
+  // Indexed by descriptor number (the loop's descriptors are small numbers): a look-up
+  // is one index on every event.
+  std::vector<ComHandlerObject> comHandlers;
   // Descriptors removed since the current wait returned (by a timed callback or a handler);
   // their stale events are skipped.
   std::set<int> removedInPass;
@@ -97,7 +102,7 @@ class NoxCom {
   std::mutex handOverMutex;
   std::vector<Registration> handedOver;
 
-  static std::set<int> approvedFd;
+  static std::vector<uint8_t> approvedFd;  // indexed by descriptor number: 1 approved
   static int noxClientFd;
 };
 

@@ -76,6 +76,12 @@ extern NoxLog* nox_log_class_ptr;
 extern int nox_log_property_value;
 }  // namespace NoxMsg
 
-#define NOX_LOG(level, module, ...) NoxMsg::nox_log_class_ptr->printLog((level), (module), __VA_ARGS__)
+// The threshold is checked first, so that a dropped line costs one comparison and its
+// arguments are not evaluated; printLog checks it again for direct callers.
+#define NOX_LOG(level, module, ...)                                            \
+  do {                                                                         \
+    if ((level) >= NoxLog::logLevel)                                           \
+      NoxMsg::nox_log_class_ptr->printLog((level), (module), __VA_ARGS__);     \
+  } while (0)
 
 #endif  // NOX_LOG_H

@@ -292,48 +292,44 @@ void Nox::parcelAndDispatch(int fd, Nox* nox, void* data, unsigned int len) {
           NoxUtils::getNoxMsgStr(msg), id, token, count);
   ++count;
 
-  NoxFeatureInfoType feature = {};
-  _WlanInfo wlan = {};
-  NoxWwanInfoType wwan = {};
-  NoxAppInfoMsgDataType apps = {};
-  std::vector<int> ints;
-  const void* payload = nullptr;
-  auto firstInt = [&]() -> const void* {
-    NoxParcel::unparcel(p, ints);
-    return ints.empty() ? nullptr : &ints[0];
-  };
-
+  // Each payload is built only for its own message: this runs for every request.
+  auto dispatch = [&](const void* payload) { nox->dispatcher.dispatchEvent(msg, payload); };
   switch (msg) {
     case NOX_S_REQ_GET_FEATURE_STATUS:
-    case NOX_S_REQ_SET_FEATURE_PREF:
+    case NOX_S_REQ_SET_FEATURE_PREF: {
+      NoxFeatureInfoType feature = {};
       NoxParcel::unparcel(p, feature);
-      payload = &feature;
-      break;
+      return dispatch(&feature);
+    }
     case NOX_S_RSP_REFRESH_NSRM_CONFIG:
     case NOX_S_NOTIFY_NSRM_BKG_EVT_STATE_CHG:
     case NOX_S_NOTIFY_SCREEN_STATE_CHG:
-    case NOX_S_NOTIFY_TETHERING_STATE_CHG:
-      payload = firstInt();
-      break;
+    case NOX_S_NOTIFY_TETHERING_STATE_CHG: {
+      std::vector<int> ints;
+      NoxParcel::unparcel(p, ints);
+      return dispatch(ints.empty() ? nullptr : &ints[0]);
+    }
     case NOX_S_NOTIFY_INIT_DONE:
       NoxCom::setNoxClientFd(fd);
       NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "NOXJ client is on descriptor %d", fd);
-      break;
-    case NOX_S_NOTIFY_WLAN_STATE_CHG:
+      return dispatch(nullptr);
+    case NOX_S_NOTIFY_WLAN_STATE_CHG: {
+      _WlanInfo wlan = {};
       NoxParcel::unparcel(p, wlan);
-      payload = &wlan;
-      break;
-    case NOX_S_NOTIFY_WWAN_STATE_CHG:
+      return dispatch(&wlan);
+    }
+    case NOX_S_NOTIFY_WWAN_STATE_CHG: {
+      NoxWwanInfoType wwan = {};
       NoxParcel::unparcel(p, wwan);
-      payload = &wwan;
-      break;
-    case NOX_S_NOTIFY_APP_INFO_LIST_CHG:
+      return dispatch(&wwan);
+    }
+    case NOX_S_NOTIFY_APP_INFO_LIST_CHG: {
+      NoxAppInfoMsgDataType apps = {};
       NoxParcel::unparcel(p, apps);
-      payload = &apps;
-      break;
+      return dispatch(&apps);
+    }
     default:
       NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "Nox does not recognize event '%d'", id);
-      break;
+      return dispatch(nullptr);
   }
-  nox->dispatcher.dispatchEvent(msg, payload);
 }

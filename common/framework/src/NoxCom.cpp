@@ -24,9 +24,16 @@ void logSysError(const char* what, int err = errno) {
   NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "Error: %s", what);
   NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(err), err);
 }
+
+// send(), without the cancellation bookkeeping glibc wraps it in once a process has a
+// second thread (the modem library's): the loop thread is never cancelled, and this
+// runs twice for every reply.
+ssize_t sendNow(int fd, const void* data, size_t len) {
+  return syscall(SYS_sendto, fd, data, len, MSG_NOSIGNAL, nullptr, 0);
+}
 }  // namespace
 
-std::set<int> NoxCom::approvedFd;
+std::vector<uint8_t> NoxCom::approvedFd;
 int NoxCom::noxClientFd = -1;
 
 NoxCom::NoxCom() : loopThread(std::this_thread::get_id()) {
@@ -66,7 +73,11 @@ bool NoxCom::addComEventHandler(int fd, ComEventCallback cb, void* data, ComClos
 }
 
 bool NoxCom::registerHandler(const Registration& r) {
-  if (comHandlers.count(r.fd) != 0) {
+  if (r.fd < 0) {
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd=%d is not a descriptor", r.fd);
+    return false;
+  }
+  if (static_cast<size_t>(r.fd) < comHandlers.size() && comHandlers[r.fd].registered) {
     NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd=%d is already in comHandlers", r.fd);
     return false;
   }
@@ -76,8 +87,9 @@ bool NoxCom::registerHandler(const Registration& r) {
   // Deliberate: a failed registration still stores the handler; it is simply never called.
   if (epoll_ctl(epollFd, EPOLL_CTL_ADD, r.fd, &ev) < 0)
     logSysError("Cannot add NoxCom event handler");
-  comHandlers[r.fd] = ComHandlerObject{r.cb, r.closeCb, r.data};
-  approvedFd.insert(r.fd);
+  if (static_cast<size_t>(r.fd) >= comHandlers.size()) comHandlers.resize(r.fd + 1);
+  comHandlers[r.fd] = ComHandlerObject{r.cb, r.closeCb, r.data, true};
+  addApprovedFd(r.fd);
   return true;
 }
 
@@ -93,12 +105,12 @@ void NoxCom::takeHandedOver() {
 void NoxCom::removeComEventHandler(int fd) {
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "NoxCom::removeComEventHandler fd %d", fd);
   epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr);
-  const ComHandlerObject handler = comHandlers[fd];
-  if (handler.closeCb != nullptr) handler.closeCb(fd, handler.data);
-  const size_t erased = comHandlers.erase(fd);
-  if (erased == 0)
-    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COM, "comHandlers.erase for fd %d returned %d!", fd, 0);
-  approvedFd.erase(fd);
+  if (fd >= 0 && static_cast<size_t>(fd) < comHandlers.size()) {
+    const ComHandlerObject handler = comHandlers[fd];
+    if (handler.closeCb != nullptr) handler.closeCb(fd, handler.data);
+    comHandlers[fd] = ComHandlerObject();  // by index: the callback may have grown the table
+  }
+  remApprovedFd(fd);
   if (inPass) removedInPass.insert(fd);
 }
 
@@ -159,12 +171,11 @@ void NoxCom::handleEvent(const epoll_event& ev, int remaining) {
     close(fd);
     return;
   }
-  const auto it = comHandlers.find(fd);
-  if (it == comHandlers.end()) {
+  if (fd < 0 || static_cast<size_t>(fd) >= comHandlers.size() || !comHandlers[fd].registered) {
     NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd '%d' does not have an event handler registered", fd);
     return;
   }
-  const ComHandlerObject handler = it->second;
+  const ComHandlerObject handler = comHandlers[fd];
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "fd '%d' is processing events [callback:%p, data:%p]", fd,
           reinterpret_cast<void*>(handler.cb), handler.data);
   if (handler.cb == nullptr) {
@@ -206,12 +217,12 @@ void NoxCom::sendMessage(int fd, const void* data, unsigned int len) {
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COM, "sending message to fd '%d', address:%p bytes:%d", fd, data,
           static_cast<int>(len));
   const uint32_t header = htonl(len);
-  if (send(fd, &header, sizeof(header), MSG_NOSIGNAL) == -1) {
+  if (sendNow(fd, &header, sizeof(header)) == -1) {
     logSysError("send() error while sending parcel size");
     remApprovedFd(fd);
     return;
   }
-  if (send(fd, data, len, MSG_NOSIGNAL) == -1) {
+  if (sendNow(fd, data, len) == -1) {
     logSysError("send() error while sending parcel");
     remApprovedFd(fd);
   }
@@ -228,13 +239,18 @@ void NoxCom::sendUnsolicitedMsg(int fd, NoxMsgEnumType msgType) {
 
 std::vector<int> NoxCom::descriptorsServedBy(ComEventCallback cb) const {
   std::vector<int> fds;
-  for (const auto& h : comHandlers)
-    if (h.second.cb == cb) fds.push_back(h.first);
+  for (size_t fd = 0; fd < comHandlers.size(); ++fd)
+    if (comHandlers[fd].registered && comHandlers[fd].cb == cb) fds.push_back(static_cast<int>(fd));
   return fds;
 }
 
-bool NoxCom::isApprovedFd(int fd) { return approvedFd.count(fd) != 0; }
-void NoxCom::addApprovedFd(int fd) { approvedFd.insert(fd); }
-void NoxCom::remApprovedFd(int fd) { approvedFd.erase(fd); }
+void NoxCom::addApprovedFd(int fd) {
+  if (fd < 0) return;
+  if (static_cast<size_t>(fd) >= approvedFd.size()) approvedFd.resize(fd + 1);
+  approvedFd[fd] = 1;
+}
+void NoxCom::remApprovedFd(int fd) {
+  if (isApprovedFd(fd)) approvedFd[fd] = 0;
+}
 int NoxCom::getNoxClientFd() { return noxClientFd; }
 void NoxCom::setNoxClientFd(int fd) { noxClientFd = fd; }

@@ -25,6 +25,14 @@ constexpr NoxMsgEnumType kCommands[] = {
 };
 
 const char kNsrmProperty[] = "persist.sys.noxd.nsrm";
+
+// atoi, with a short path for what the property holds on every request: a few digits.
+int toInt(const char* text) {
+  int value = 0;
+  int n = 0;
+  for (; n < 9 && text[n] >= '0' && text[n] <= '9'; ++n) value = value * 10 + (text[n] - '0');
+  return n > 0 && text[n] == '\0' ? value : atoi(text);
+}
 constexpr int kNsrmUnset = 65535;
 constexpr int32_t kResultOk = 0;  // deliberately not NOX_RET_OK: clients test against 0
 constexpr int kAppInfoBuckets = 8;
@@ -147,7 +155,7 @@ bool NoxDsm::getFeatureStatus(NoxFeatureInfoType* info) {
   if (!nsrmEnabled) return false;
   char value[PROPERTY_VALUE_MAX];
   property_get(kNsrmProperty, value, "65535");
-  const int stored = atoi(value);
+  const int stored = toInt(value);
   if (stored == kNsrmUnset) {
     property_set(kNsrmProperty, "3");
     return true;

@@ -40,14 +40,35 @@ class Parcel {
   status_t setData(const uint8_t* buffer, size_t len);
   void freeData();
 
-  status_t writeInt32(int32_t val);
+  status_t writeInt32(int32_t val) {
+    // The common case inline: room at the position, nothing to pad (little-endian host).
+    if (mDataPos <= mDataCapacity && mDataCapacity - mDataPos >= sizeof(val)) {
+      __builtin_memcpy(mData + mDataPos, &val, sizeof(val));
+      mDataPos += sizeof(val);
+      if (mDataPos > mDataSize) mDataSize = mDataPos;
+      return OK;
+    }
+    return writeInt32Slow(val);
+  }
   // A null `str` writes the null string (count -1).
   status_t writeString16(const char16_t* str, size_t len);
   status_t writeString16(const String16& str);
 
   // Fewer than 4 bytes left: 0 (NOT_ENOUGH_DATA) and the position does not move.
-  int32_t readInt32() const;
-  status_t readInt32(int32_t* out) const;
+  int32_t readInt32() const {
+    int32_t val;
+    readInt32(&val);
+    return val;
+  }
+  status_t readInt32(int32_t* out) const {
+    if (mDataPos > mDataSize || mDataSize - mDataPos < sizeof(*out)) {
+      *out = 0;
+      return NOT_ENOUGH_DATA;
+    }
+    __builtin_memcpy(out, mData + mDataPos, sizeof(*out));
+    mDataPos += sizeof(*out);
+    return OK;
+  }
   // Points into the Parcel's own buffer; null (and *outLen 0) for a null, negative,
   // oversized or truncated string, one without its 0 unit, or one at an odd position.
   // After the count has been read, a bad string leaves the position just past it.
@@ -55,13 +76,20 @@ class Parcel {
   String16 readString16() const;
 
  private:
+  static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "int32s are stored as they are");
+  status_t writeInt32Slow(int32_t val);
+  // A parcel of a client message fits here; only bigger ones allocate.
+  static constexpr size_t kInlineSize = 128;
+
   status_t growTo(size_t size);
   status_t writeAligned(const void* bytes, size_t len);
+  bool onHeap() const { return mData != mInline; }
 
   uint8_t* mData;
   size_t mDataSize;
   size_t mDataCapacity;
   mutable size_t mDataPos;
+  alignas(8) uint8_t mInline[kInlineSize];
 };
 
 }  // namespace android
