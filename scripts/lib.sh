@@ -44,12 +44,14 @@ start_modemsim() {
 }
 
 # noxd with feature mask $2 on $dir/noxd.sock, logging to $3; further arguments go to noxd.
-# Returns once it listens on its socket (ss lists the listening Unix sockets).
+# Returns once it listens on its socket (ss lists the listening Unix sockets); its pid is
+# in $noxd_pid.
 start_noxd() {
   local noxd=$1 mask=$2 log=$3
   shift 3
   echo "persist.nox.feature=$mask" >"$dir/noxd.prop"
   "$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" "$@" 2>"$log" &
+  noxd_pid=$!
   pids+=($!)
   wait_until sh -c "ss -xlH | grep -qF ' $dir/noxd.sock '"
 }

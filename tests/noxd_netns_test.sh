@@ -27,7 +27,7 @@ expect_modem() { wait_until modem_has "$1" || fail "the modem state has no '$1'"
 clients() { "$modemsim" state | sed -n 's/^  \(wds\|dfs\) client [0-9]*: \(v[46]\).*/\1 \2/p' | paste -sd, -; }
 expect_clients() { wait_until test "$(clients)" = "$1" || fail "modem clients '$(clients)', expected '$1'"; }
 ctl() { "$noxctl" --socket "$dir/noxd.sock" "$@"; }
-stop_noxd() { kill "${pids[-1]}"; wait "${pids[-1]}" || true; unset 'pids[-1]'; }
+stop_noxd() { kill "$noxd_pid"; wait "$noxd_pid" || true; }
 
 ip link set lo up
 ip tuntap add dev mdlnk0 mode tun
@@ -38,6 +38,7 @@ export TOV_SIM_SOCKET=$dir/modemsim.sock
 # No modem yet: the first start-up attempt fails, the second one (3 s later) finds it.
 echo "persist.nox.feature=6" >"$dir/noxd.prop"
 "$noxd" --socket "$dir/noxd.sock" --props "$dir/noxd.prop" --plugin-dir "$dir" --log-level 1 2>"$log" &
+noxd_pid=$!
 pids+=($!)
 expect_log "NoxTov::init: retry tov init in 3 sec"
 "$modemsim" serve 2>/dev/null &
