@@ -170,7 +170,7 @@ int ModemSim::ctrlOpen(uint64_t connection, Reader& in, int* err, std::string& n
     rc = TOV_SERVICE_ERR;
     *err = TOV_SERVICE_ERR_INVALID_ARG;
   } else {
-    ++ports_[port].channels[connection];
+    ++this->port(port).channels[connection];
   }
   note = "ctrl-open " + port + " -> " + result(rc, *err, fault);
   return rc;
@@ -229,7 +229,7 @@ int ModemSim::wdsRequest(uint16_t kind, uint64_t connection, Reader& in, int* er
     note = who + " -> " + result(TOV_SERVICE_ERR, *err, true);
     return TOV_SERVICE_ERR;
   }
-  Path& path = ports_[client.port].path[client.family];
+  Path& path = port(client.port).path[client.family];
   switch (kind) {
     case tovwire::kWdsIpPref:
       who += std::string(" ") + (family == 6 ? "v6" : family == 4 ? "v4" : std::to_string(family));
@@ -280,7 +280,7 @@ int ModemSim::dfsStart(uint64_t connection, Reader& in, Writer& answer, std::str
   } else {
     const uint32_t id = nextClient_++;
     dfs_[id] = DfsClient{connection, port};
-    ports_[port];
+    this->port(port);
     answer.u32(id);
     note = "dfs-start " + port + " instance " + std::to_string(instance) + " -> client " +
            std::to_string(id);

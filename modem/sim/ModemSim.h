@@ -2,8 +2,10 @@
 #define MODEMSIM_MODEMSIM_H
 
 // The simulated modem: ports with their control channels, WDS and DFS clients, the
-// dormancy and power-save filters of each port and IP family, fault injection and a
-// log of the requests. It only turns frames into frames; SimServer moves the bytes.
+// dormancy and power-save filters of each port and IP family, the radio of each port
+// (traffic, its energy, and what the filters drop), fault injection and a log of the
+// requests. It only turns frames into frames; SimServer moves the bytes and keeps the
+// time.
 
 #include <cstdint>
 #include <deque>
@@ -11,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Radio.h"
 #include "data_filter_service_v01.h"
 #include "tov_wire.h"
 
@@ -38,6 +41,14 @@ class ModemSim {
               std::vector<Outgoing>& out);
 
   int delayMs() const { return delayMs_; }
+
+  // The radio's clock, in milliseconds: releases the connections whose inactivity timer
+  // ran out by `nowMs` (each at its own time, indicated as a dormancy change), then
+  // stands at `nowMs`. An earlier time than the last one is taken as the last one.
+  void advance(int64_t nowMs, std::vector<Outgoing>& out);
+  // The earliest time an inactivity timer runs out; -1 when none runs.
+  int64_t nextRadioEventMs() const;
+  void setRadioParams(const RadioParams& params) { radio_ = params; }
 
   // The fault names, in the order --help lists them.
   static const std::vector<std::string>& operations();
@@ -77,6 +88,13 @@ class ModemSim {
     int times;
     int error;
   };
+  // A port's radio and its packets; kept across modem restarts, unlike the port.
+  struct Link {
+    Radio radio;
+    uint64_t delivered = 0;
+    uint64_t dropped = 0;
+    std::map<std::string, uint64_t> droppedBy;  // "v4 tcp/443": downlink by remote port
+  };
 
   // Library requests, each appending its answer fields after "rc err" to `answer`.
   int hello(uint64_t connection, tovwire::Reader& in, int* err, std::string& note);
@@ -103,11 +121,22 @@ class ModemSim {
                      std::vector<Outgoing>& out);
   void restart(std::vector<Outgoing>& out);
   void record(const std::string& line);
+  // The port, created when new: a new port is connected, as its paths say.
+  Port& port(const std::string& name);
+  // The radio of `port` follows its paths: connected while either family is active.
+  void followPaths(const std::string& port);
+  int traffic(const std::vector<std::string>& args, std::string& text, std::vector<Outgoing>& out);
 
   std::string stateText() const;
   std::string stateJson() const;
+  std::string energyText() const;
+  std::string energyJson() const;
+  void resetEnergy();
 
   std::map<std::string, Port> ports_;
+  std::map<std::string, Link> links_;
+  RadioParams radio_;
+  int64_t now_ = 0;
   std::map<uint32_t, WdsClient> wds_;
   std::map<uint32_t, DfsClient> dfs_;
   std::map<uint64_t, int> starts_;  // libraries started, per connection

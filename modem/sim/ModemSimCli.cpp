@@ -1,5 +1,5 @@
-// The simulated modem's command line: state, dormancy and filter-mode changes, fault
-// injection, delays, restart and the request log.
+// The simulated modem's command line: state, dormancy and filter-mode changes, traffic
+// and energy, fault injection, delays, restart and the request log.
 
 #include <arpa/inet.h>
 
@@ -128,6 +128,10 @@ std::string ModemSim::stateText() const {
         << onOff(path.filterMode) << ", auto-exit " << onOff(path.autoExit) << ", "
         << path.rules.size() << " rules\n";
     }
+    const Radio& radio = links_.at(p.first).radio;
+    s << "  radio: " << (radio.connected() ? "connected" : "idle");
+    if (radio.releaseAt() >= 0) s << ", released in " << radio.releaseAt() - now_ << " ms";
+    s << "\n";
     for (const auto& c : wds_) {
       if (c.second.port != p.first) continue;
       const WdsClient& w = c.second;
@@ -172,6 +176,9 @@ std::string ModemSim::stateJson() const {
         << ",\"autoExit\":" << (path.autoExit ? "true" : "false")
         << ",\"rules\":" << path.rules.size() << "}";
     }
+    const Radio& radio = links_.at(p.first).radio;
+    s << ",\"radio\":{\"state\":\"" << (radio.connected() ? "connected" : "idle")
+      << "\",\"releaseInMs\":" << (radio.releaseAt() < 0 ? -1 : radio.releaseAt() - now_) << "}";
     s << ",\"wdsClients\":[";
     const char* sep = "";
     for (const auto& c : wds_) {
@@ -247,6 +254,19 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
       setFilterMode(args[1], family, value == on, false, out);
     return 0;
   }
+  if (cmd == "traffic") return traffic(args, text, out);
+  if (cmd == "energy") {
+    if (n == 1) {
+      text = energyText();
+    } else if (n == 2 && args[1] == "--json") {
+      text = energyJson();
+    } else if (n == 2 && args[1] == "--reset") {
+      resetEnergy();
+    } else {
+      return usage("usage: energy [--json|--reset]");
+    }
+    return 0;
+  }
   if (cmd == "fail") {
     const std::string use = "usage: fail OPERATION [--times N] [--error CODE] | fail clear";
     if (n == 2 && args[1] == "clear") {
@@ -289,7 +309,14 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
   }
   if (cmd == "log") {
     if (n > 2 || (n == 2 && args[1] != "--clear")) return usage("usage: log [--clear]");
-    for (const std::string& line : log_) text += line + "\n";
+    // The answer must fit one frame: the oldest lines give way.
+    size_t room = tovwire::kMaxBody - 128;
+    auto first = log_.end();
+    while (first != log_.begin() && std::prev(first)->size() + 1 <= room)
+      room -= (--first)->size() + 1;
+    if (first != log_.begin())
+      text = "(" + std::to_string(first - log_.begin()) + " older lines left out)\n";
+    for (auto it = first; it != log_.end(); ++it) text += *it + "\n";
     if (n == 2) log_.clear();
     return 0;
   }

@@ -56,7 +56,7 @@ int ModemSim::dfsMessage(uint32_t id, DfsClient& client, unsigned msgId, void* r
   };
   if (injected(op, &error)) return done(error, "", true);
 
-  Path& path = ports_[client.port].path[client.family];
+  Path& path = port(client.port).path[client.family];
   if (msgId == TOV_DFS_INDICATION_REGISTER_REQ_V01) {
     const auto* req = static_cast<dfs_indication_register_req_msg_v01*>(request);
     if (req->report_powersave_filter_mode_change_valid)
@@ -129,7 +129,7 @@ int ModemSim::dfsMessage(uint32_t id, DfsClient& client, unsigned msgId, void* r
 
 void ModemSim::setDormancy(const std::string& port, int family, bool dormant, bool onlyIfChanged,
                            std::vector<Outgoing>& out) {
-  Port& p = ports_[port];
+  Port& p = this->port(port);
   for (int f = kV4; f <= kV6; ++f) {
     if (family >= 0 && family != f) continue;
     const bool changed = p.path[f].dormant != dormant;
@@ -146,11 +146,12 @@ void ModemSim::setDormancy(const std::string& port, int family, bool dormant, bo
       out.push_back({client.connection, ind.frame(tovwire::kWdsIndication, 0), false});
     }
   }
+  followPaths(port);
 }
 
 void ModemSim::setFilterMode(const std::string& port, int family, bool on, bool onlyIfChanged,
                              std::vector<Outgoing>& out) {
-  Port& p = ports_[port];
+  Port& p = this->port(port);
   for (int f = kV4; f <= kV6; ++f) {
     if (family >= 0 && family != f) continue;
     const bool changed = p.path[f].filterMode != on;
@@ -172,6 +173,8 @@ void ModemSim::setFilterMode(const std::string& port, int family, bool on, bool 
 
 void ModemSim::restart(std::vector<Outgoing>& out) {
   ++restarts_;
+  // The data calls drop with the modem; a port opened again comes with a new one.
+  for (auto& link : links_) link.second.radio.release(now_);
   wds_.clear();
   dfs_.clear();
   ports_.clear();

@@ -23,11 +23,13 @@ constexpr uint64_t kFirstConn = 16;
 // A peer that stops reading is dropped once this much waits for it.
 constexpr size_t kMaxQueued = 8 << 20;
 
-int64_t nowMs() {
+int64_t nowNs() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+  return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
+
+int64_t nowMs() { return nowNs() / 1000000; }
 
 bool address(const std::string& path, sockaddr_un* addr, std::string* error) {
   memset(addr, 0, sizeof(*addr));
@@ -41,6 +43,8 @@ bool address(const std::string& path, sockaddr_un* addr, std::string* error) {
 }
 
 }  // namespace
+
+SimServer::SimServer(double speed) : speed_(std::max(speed, 1e-3)), startNs_(nowNs()) {}
 
 SimServer::~SimServer() {
   for (auto& c : conns_) ::close(c.second.fd);
@@ -120,6 +124,7 @@ void SimServer::run() {
           readFrom(id);
       }
     }
+    advance();
     // Delayed answers that are due now.
     std::vector<uint64_t> ids;
     for (const auto& c : conns_) ids.push_back(c.first);
@@ -133,8 +138,25 @@ int SimServer::timeoutMs() const {
   for (const auto& c : conns_)
     if (!c.second.out.empty() && (earliest < 0 || c.second.out.front().dueMs < earliest))
       earliest = c.second.out.front().dueMs;
-  if (earliest < 0) return -1;
-  return static_cast<int>(std::max<int64_t>(0, earliest - nowMs()));
+  int64_t wait = earliest < 0 ? -1 : std::max<int64_t>(0, earliest - nowMs());
+  const int64_t radioAt = sim_.nextRadioEventMs();
+  if (radioAt >= 0) {
+    // Rounded up: woken early, the loop would only wait again.
+    const double left = (double(radioAt) - double(modelNowMs())) / speed_;
+    const int64_t radioWait = std::max<int64_t>(0, static_cast<int64_t>(left) + 1);
+    wait = wait < 0 ? radioWait : std::min(wait, radioWait);
+  }
+  return static_cast<int>(std::min<int64_t>(wait, INT32_MAX));
+}
+
+int64_t SimServer::modelNowMs() const {
+  return static_cast<int64_t>(double(nowNs() - startNs_) * speed_ / 1e6);
+}
+
+void SimServer::advance() {
+  std::vector<Outgoing> out;
+  sim_.advance(modelNowMs(), out);
+  send(out);
 }
 
 void SimServer::accept() {
@@ -185,6 +207,7 @@ void SimServer::readFrom(uint64_t id) {
                                 conn->in.begin() + tovwire::kHeaderSize + header.length);
       conn->in.erase(conn->in.begin(), conn->in.begin() + tovwire::kHeaderSize + header.length);
       std::vector<Outgoing> out;
+      sim_.advance(modelNowMs(), out);
       sim_.handleFrame(id, header, body, out);
       send(out);
       if (conns_.count(id) == 0) return;

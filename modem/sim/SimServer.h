@@ -2,7 +2,9 @@
 #define MODEMSIM_SIMSERVER_H
 
 // Serves one ModemSim on a Unix stream socket to any number of library and command
-// line connections, single-threaded on epoll.
+// line connections, single-threaded on epoll, and runs the radio model's clock: the
+// monotonic clock since construction, times `speed`, so that the radio's timers run
+// `speed` times faster than the wall clock and its figures are in modelled time.
 
 #include <sys/types.h>
 
@@ -19,7 +21,8 @@ namespace modemsim {
 
 class SimServer {
  public:
-  SimServer() = default;
+  // `speed` is at least 1e-3.
+  explicit SimServer(double speed = 1.0);
   ~SimServer();
   SimServer(const SimServer&) = delete;
   SimServer& operator=(const SimServer&) = delete;
@@ -30,6 +33,8 @@ class SimServer {
   // Serves until stop() (from a signal handler or another thread).
   void run();
   void stop();
+  // For settings before run().
+  ModemSim& sim() { return sim_; }
 
  private:
   struct Queued {
@@ -52,9 +57,14 @@ class SimServer {
   void flush(uint64_t id);
   void close(uint64_t id);
   int timeoutMs() const;
+  int64_t modelNowMs() const;
+  // The radio's timers due by now, and what they send.
+  void advance();
   void watchOutput(Conn& conn, bool on);
 
   ModemSim sim_;
+  double speed_;
+  int64_t startNs_;
   std::string path_;
   int listenFd_ = -1;
   int epollFd_ = -1;

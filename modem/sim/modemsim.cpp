@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -27,8 +28,10 @@ std::string usage() {
              "\n"
              "The host's modem simulator, behind the host modem library.\n"
              "\n"
-             "  serve                            run the modem in the foreground until SIGINT\n"
-             "                                   or SIGTERM\n"
+             "  serve [--speed F] [--radio FILE]  run the modem in the foreground until SIGINT\n"
+             "                                   or SIGTERM; the radio's clock runs F times\n"
+             "                                   faster than the wall clock (default 1), its\n"
+             "                                   settings come from FILE (see radio.conf)\n"
              "  state [--json]                   ports, control channels, WDS and DFS clients,\n"
              "                                   dormancy, filter modes and installed filters\n"
              "  dormancy PORT [v4|v6] dormant|active\n"
@@ -44,6 +47,15 @@ std::string usage() {
              "  restart                          restart the modem: every client is gone and the\n"
              "                                   libraries get system events\n"
              "  log [--clear]                    the requests received, one line each\n"
+             "  traffic PORT up|down [--family v4|v6] [--proto tcp|udp] [--src-port N]\n"
+             "          [--dst-port N] [--count N]\n"
+             "                                   packets on PORT (default one v4 tcp packet):\n"
+             "                                   they wake an idle link; in filter mode a\n"
+             "                                   downlink packet no filter allows is dropped\n"
+             "  energy [--json]                  per port and in total: time connected and\n"
+             "                                   idle, promotions, energy, packets delivered\n"
+             "                                   and dropped, in the radio clock's time\n"
+             "  energy --reset                   count again from zero, from now\n"
              "\n"
              "OPERATION is one of:") +
          ops +
@@ -54,9 +66,38 @@ std::string usage() {
          "Exit status: 0 done, 1 the simulator cannot be reached, 2 bad command line.\n";
 }
 
-int serve(const std::string& path) {
-  modemsim::SimServer server;
+// `serve`'s options: false with the reason.
+bool serveOptions(const std::vector<std::string>& args, double* speed, modemsim::RadioParams* radio,
+                  std::string* error) {
+  for (size_t i = 1; i < args.size(); i += 2) {
+    if (i + 1 >= args.size() || (args[i] != "--speed" && args[i] != "--radio")) {
+      *error = "serve takes --speed F and --radio FILE (see --help)";
+      return false;
+    }
+    if (args[i] == "--radio") {
+      if (!radio->load(args[i + 1], error)) return false;
+      continue;
+    }
+    char* end = nullptr;
+    *speed = strtod(args[i + 1].c_str(), &end);
+    if (args[i + 1].empty() || *end != '\0' || !(*speed >= 0.001 && *speed <= 100000)) {
+      *error = "--speed takes a factor from 0.001 to 100000";
+      return false;
+    }
+  }
+  return true;
+}
+
+int serve(const std::string& path, const std::vector<std::string>& args) {
+  double speed = 1;
+  modemsim::RadioParams radio;
   std::string error;
+  if (!serveOptions(args, &speed, &radio, &error)) {
+    fprintf(stderr, "modemsim: %s\n", error.c_str());
+    return 2;
+  }
+  modemsim::SimServer server(speed);
+  server.sim().setRadioParams(radio);
   if (!server.listen(path, &error)) {
     fprintf(stderr, "modemsim: %s\n", error.c_str());
     return 2;
@@ -98,13 +139,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "modemsim: no command (see --help)\n");
     return 2;
   }
-  if (args[0] == "serve") {
-    if (args.size() != 1) {
-      fprintf(stderr, "modemsim: serve takes no arguments but --socket (see --help)\n");
-      return 2;
-    }
-    return serve(path);
-  }
+  if (args[0] == "serve") return serve(path, args);
   std::string text;
   const int status = modemsim::runCommand(path, args, &text);
   if (status < 0) {
