@@ -13,12 +13,14 @@ namespace {
 
 const char kDefaultConfig[] = "/system/vendor/etc/noxctmgr.conf";
 const char kDefaultAllowList[] = "tcp/5228 tcp/5229 tcp/5230";
-enum Tag { kAllowV4, kAllowV6 };
+enum Tag { kAllowV4, kAllowV6, kReenter };
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
+                               NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
-constexpr int32_t kScreenOff = 1;  // stored screen value for "off"
+constexpr int32_t kOff = 1;  // stored screen and tethering value for "off"
 constexpr int kProtoTcp = 6;
 constexpr int kProtoUdp = 17;
+constexpr long long kMaxReenterMs = 3600000;
 
 std::unique_ptr<NoxCtMgr> gInstance;
 
@@ -41,6 +43,7 @@ NoxCtMgr::NoxCtMgr(Nox& nox) : nox_(nox) {
 }
 
 NoxCtMgr::~NoxCtMgr() {
+  if (timerId_ != -1) nox_.timer.removeTimedCallback(timerId_);
   for (NoxDsmEvent e : kEvents) nox_.dsm.dispatcher.deregEventCallback(e, onDsmEvent, this);
   for (const std::string& iface : followed_)
     nox_.tov.deRegFilteringStatusChgEvent(iface, onFilteringChange, this);
@@ -50,7 +53,7 @@ void NoxCtMgr::readSettings() {
   const char* path = getenv("NOX_CTMGR_CONFIG");
   NoxConfigParseControl control;
   control.fileName = path != nullptr && *path != '\0' ? path : kDefaultConfig;
-  control.tags = {{"allow_v4", kAllowV4}, {"allow_v6", kAllowV6}};
+  control.tags = {{"allow_v4", kAllowV4}, {"allow_v6", kAllowV6}, {"reenter_ms", kReenter}};
   std::map<int, std::string> values;
   if (nox_.config.parseConfigFile(control, values) != NOX_RET_OK)
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "no settings in %s, using the defaults",
@@ -61,6 +64,19 @@ void NoxCtMgr::readSettings() {
   };
   parseAllowList("allow_v4", text(kAllowV4), AF_INET, v4Filters_);
   parseAllowList("allow_v6", text(kAllowV6), AF_INET6, v6Filters_);
+  const auto it = values.find(kReenter);
+  if (it == values.end()) return;
+  char* end = nullptr;
+  const long long ms = strtoll(it->second.c_str(), &end, 10);
+  // The parser keeps the line's newline: only blanks may follow the number.
+  if (end == it->second.c_str() || strspn(end, " \t\r\n") != strlen(end) || ms < 0 ||
+      ms > kMaxReenterMs) {
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_CTMGR,
+            "%s: reenter_ms is not 0 to %lld milliseconds, keeping %lld", control.fileName.c_str(),
+            kMaxReenterMs, reenterMs_);
+    return;
+  }
+  reenterMs_ = ms;
 }
 
 bool NoxCtMgr::parseAllowList(const char* tag, const std::string& text, uint16_t family,
@@ -91,23 +107,28 @@ bool NoxCtMgr::parseAllowList(const char* tag, const std::string& text, uint16_t
   return good;
 }
 
+bool NoxCtMgr::filtering() const {
+  return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
+}
+
 void NoxCtMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
   NoxCtMgr* mgr = static_cast<NoxCtMgr*>(self);
-  const bool screenOff = mgr->nox_.dsm.getScreenState() == kScreenOff;
+  const bool filtering = mgr->filtering();
   if (event == NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT) {
     const auto* info = static_cast<const _NoxDsmWwanIfaceInfoType*>(data);
     const std::string iface(info->ifaceName, strnlen(info->ifaceName, sizeof(info->ifaceName)));
     if (info->status != NOX_NW_STATE_CONNECTED) {
       mgr->installed_.erase(iface);  // its modem clients are gone, and their filters with them
+      mgr->exited_.erase(iface);
       return;
     }
     mgr->follow(iface);
-    if (screenOff) mgr->install(iface);
+    if (filtering) mgr->install(iface);
     return;
   }
   for (const auto& entry : mgr->nox_.dsm.getAllWwanInfo()) {
     if (entry.second.state != NOX_NW_STATE_CONNECTED) continue;
-    if (screenOff)
+    if (filtering)
       mgr->install(entry.first);
     else
       mgr->uninstall(entry.first);
@@ -125,11 +146,12 @@ void NoxCtMgr::install(const std::string& iface) {
 }
 
 void NoxCtMgr::uninstall(const std::string& iface) {
+  exited_.erase(iface);
   if (installed_.erase(iface) == 0) return;
   nox_.tov.setDfsFilterMode(iface, false);
   nox_.tov.clearAllDfsFilters(iface);
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "screen on: filter mode off and filters cleared on %s",
-          iface.c_str());
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR,
+          "screen or tethering on: filter mode off and filters cleared on %s", iface.c_str());
 }
 
 void NoxCtMgr::follow(const std::string& iface) {
@@ -139,8 +161,27 @@ void NoxCtMgr::follow(const std::string& iface) {
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "following the filtering status of %s", iface.c_str());
 }
 
-void NoxCtMgr::onFilteringChange(NoxTovDfsEventType, const void* data, void*) {
+void NoxCtMgr::onFilteringChange(NoxTovDfsEventType, const void* data, void* self) {
+  NoxCtMgr* mgr = static_cast<NoxCtMgr*>(self);
   const auto* info = static_cast<const NoxTovStatusChgInfo*>(data);
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "filtering on %s is now %s", info->iface.c_str(),
           filteringText(info->status));
+  // Off while our filters are installed: the modem's auto-exit, not a request of ours.
+  if (info->status != 1 || mgr->installed_.count(info->iface) == 0) return;
+  mgr->exited_.insert(info->iface);
+  if (mgr->timerId_ == -1)
+    mgr->timerId_ = mgr->nox_.timer.addTimedCallback(mgr->reenterMs_, onReenter, mgr);
+}
+
+int NoxCtMgr::onReenter(void* self) {
+  NoxCtMgr* mgr = static_cast<NoxCtMgr*>(self);
+  mgr->timerId_ = -1;
+  for (const std::string& iface : mgr->exited_) {
+    if (mgr->installed_.count(iface) == 0) continue;
+    mgr->nox_.tov.setDfsFilterMode(iface, true);
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "%s: filter mode on again after uplink traffic",
+            iface.c_str());
+  }
+  mgr->exited_.clear();
+  return -1;
 }

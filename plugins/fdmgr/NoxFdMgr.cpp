@@ -9,7 +9,7 @@
 namespace {
 
 const char kDefaultConfig[] = "/system/vendor/etc/noxfdmgr.conf";
-enum Tag { kGracePeriod };
+enum Tag { kGracePeriod, kActiveGrace };
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
@@ -23,6 +23,26 @@ const char* dormancyText(int status) {
   return status == 0 ? "dormant" : status == 1 ? "active" : "unknown";
 }
 
+// Takes the setting `name` into `ms` when it is 0 to kMaxGraceMs; logs and keeps `ms`
+// otherwise.
+void readMs(const std::string& file, const std::map<int, std::string>& values, Tag tag,
+            const char* name, long long& ms) {
+  const auto it = values.find(tag);
+  if (it == values.end()) return;
+  char* end = nullptr;
+  const long long v = strtoll(it->second.c_str(), &end, 10);
+  // The parser keeps the line's newline: only blanks may follow the number.
+  const bool blanksOnly = end != it->second.c_str() && strspn(end, " \t\r\n") == strlen(end);
+  if (!blanksOnly || v < 0 || v > kMaxGraceMs) {
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_FDMGR,
+            "%s: %s '%.*s' is not 0 to %lld milliseconds, keeping %lld", file.c_str(), name,
+            static_cast<int>(strcspn(it->second.c_str(), "\n")), it->second.c_str(), kMaxGraceMs,
+            ms);
+    return;
+  }
+  ms = v;
+}
+
 }  // namespace
 
 extern "C" void init_fd_mgr(Nox* nox) { gInstance.reset(new NoxFdMgr(*nox)); }
@@ -33,8 +53,9 @@ NoxFdMgr::NoxFdMgr(Nox& nox) : nox_(nox) {
   // Interfaces connected before the plug-in was loaded.
   for (const auto& entry : nox_.dsm.getAllWwanInfo())
     if (entry.second.state == NOX_NW_STATE_CONNECTED) follow(entry.first);
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "dormancy policy ready: dormant %lld ms after screen off",
-          graceMs_);
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR,
+          "dormancy policy ready: dormant %lld ms after screen off, %lld ms after traffic",
+          graceMs_, activeGraceMs_);
   decide();
 }
 
@@ -49,27 +70,15 @@ void NoxFdMgr::readSettings() {
   const char* path = getenv("NOX_FDMGR_CONFIG");
   NoxConfigParseControl control;
   control.fileName = path != nullptr && *path != '\0' ? path : kDefaultConfig;
-  control.tags = {{"grace_period_ms", kGracePeriod}};
+  control.tags = {{"grace_period_ms", kGracePeriod}, {"active_grace_ms", kActiveGrace}};
   std::map<int, std::string> values;
   if (nox_.config.parseConfigFile(control, values) != NOX_RET_OK) {
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "no settings in %s, using the defaults",
             control.fileName.c_str());
     return;
   }
-  const auto it = values.find(kGracePeriod);
-  if (it == values.end()) return;
-  char* end = nullptr;
-  const long long ms = strtoll(it->second.c_str(), &end, 10);
-  // The parser keeps the line's newline: only blanks may follow the number.
-  const bool blanksOnly = end != it->second.c_str() && strspn(end, " \t\r\n") == strlen(end);
-  if (!blanksOnly || ms < 0 || ms > kMaxGraceMs) {
-    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_FDMGR,
-            "%s: grace_period_ms '%.*s' is not 0 to %lld milliseconds, keeping %lld",
-            control.fileName.c_str(), static_cast<int>(strcspn(it->second.c_str(), "\n")),
-            it->second.c_str(), kMaxGraceMs, graceMs_);
-    return;
-  }
-  graceMs_ = ms;
+  readMs(control.fileName, values, kGracePeriod, "grace_period_ms", graceMs_);
+  readMs(control.fileName, values, kActiveGrace, "active_grace_ms", activeGraceMs_);
 }
 
 void NoxFdMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
@@ -85,12 +94,15 @@ void NoxFdMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
   mgr->decide();
 }
 
+bool NoxFdMgr::screenAndTetheringOff() const {
+  return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
+}
+
 void NoxFdMgr::decide() {
-  const bool screenOff = nox_.dsm.getScreenState() == kOff;
-  const bool tetheringOff = nox_.dsm.getTetheringState() == kOff;
-  if (screenOff && tetheringOff) {
+  if (screenAndTetheringOff()) {
     if (timerId_ != -1) return;
     timerId_ = nox_.timer.addTimedCallback(graceMs_, onGraceOver, this);
+    afterTraffic_ = false;
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off, tethering off: dormant in %lld ms", graceMs_);
   } else if (timerId_ != -1) {
     nox_.timer.removeTimedCallback(timerId_);
@@ -102,8 +114,12 @@ void NoxFdMgr::decide() {
 int NoxFdMgr::onGraceOver(void* self) {
   NoxFdMgr* mgr = static_cast<NoxFdMgr*>(self);
   mgr->timerId_ = -1;
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off for %lld ms: asking the modem to go dormant",
-          mgr->graceMs_);
+  if (mgr->afterTraffic_)
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "active for %lld ms: asking the modem to go dormant again",
+            mgr->activeGraceMs_);
+  else
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off for %lld ms: asking the modem to go dormant",
+            mgr->graceMs_);
   mgr->nox_.tov.goDormant();
   return -1;
 }
@@ -115,8 +131,16 @@ void NoxFdMgr::follow(const std::string& iface) {
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "following the dormancy of %s", iface.c_str());
 }
 
-void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void*) {
+void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self) {
+  NoxFdMgr* mgr = static_cast<NoxFdMgr*>(self);
   const auto* info = static_cast<const NoxTovStatusChgInfo*>(data);
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s is now %s", info->iface.c_str(),
           dormancyText(info->status));
+  // Traffic woke the link while nobody looks: it gets a short grace, not the network's
+  // inactivity timer. A pending request keeps its own time.
+  if (info->status != 1 || mgr->timerId_ != -1 || !mgr->screenAndTetheringOff()) return;
+  mgr->timerId_ = mgr->nox_.timer.addTimedCallback(mgr->activeGraceMs_, onGraceOver, mgr);
+  mgr->afterTraffic_ = true;
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off, tethering off: dormant again in %lld ms",
+          mgr->activeGraceMs_);
 }

@@ -5,8 +5,9 @@
 // "init_fd_mgr"): once the screen has been off for a grace period while tethering is
 // off, it asks the modem to release the data link (go dormant) on every interface, so
 // the radio does not burn its tail energy waiting for the network's inactivity timer.
-// Screen on or tethering on cancels a pending request. It follows the dormancy of the
-// interfaces it has seen connected and logs every change ("FDMGR").
+// While they stay off, traffic that wakes a link again gets a shorter grace before the
+// next request. Screen on or tethering on cancels a pending request. It follows the
+// dormancy of the interfaces it has seen connected and logs every change ("FDMGR").
 //
 // Screen and tethering values: the framework stores the inverse of the integer its
 // client sends. This sample assumes the client sends 1 for on and 0 for off, so a
@@ -16,6 +17,8 @@
 // Settings, in a tagged file (default /system/vendor/etc/noxfdmgr.conf, on the host
 // $NOX_FDMGR_CONFIG):
 //   grace_period_ms:5000   how long the screen stays off before the request
+//   active_grace_ms:3000   how long a link woken by traffic, screen off, stays active
+//                          before the request again
 // A missing file gives the defaults; a bad value is logged and the default kept.
 //
 // To start a plug-in of your own, copy this folder, rename the class and the entry,
@@ -45,10 +48,13 @@ class NoxFdMgr {
   // Arms the request when the screen is off and tethering is off, cancels it otherwise.
   void decide();
   void follow(const std::string& iface);
+  bool screenAndTetheringOff() const;
 
   Nox& nox_;
   long long graceMs_ = 5000;
+  long long activeGraceMs_ = 3000;
   int timerId_ = -1;
+  bool afterTraffic_ = false;  // the pending request is the short one, after traffic
   std::set<std::string> followed_;
 };
 
