@@ -126,3 +126,10 @@ echo "         exit status $status; $(grep ctl.stop "$dir/stop.prop")"
 
 "$modemsim" log >"$out/modem.log"
 printf '\nThe full daemon log: %s; what the modem received: %s\n' "$log" "$out/modem.log"
+
+step "10. what the sample policies save: an hour's commute (bench/traces/commute.trace) replayed"
+echo "         at 300 times real speed against the modem's radio model, without a policy and with"
+echo "         the sample plug-ins, each in a network namespace of its own (make power: every trace)"
+scripts/power.sh --speed 300 --out "$out/power.md" bench/traces/commute.trace 2>/dev/null |
+  sed -n '/^| /p; /^Dropped/p' | sed 's/^/         /'
+printf '\nThe report: %s; the replays'"'"' logs: %s\n' "$out/power.md" build/power
