@@ -51,6 +51,7 @@ class Radio {
   bool packet(int64_t now, const RadioParams& params);
   // Connected at the network's word: an idle radio is promoted (returns true) and held,
   // without a timer, until the next packet. A connected radio is left as it is.
+  // Deliberate: the tests that set the dormancy by hand rely on no release of its own.
   bool connect(int64_t now, const RadioParams& params);
   // The connection released at `now`; true when it was connected.
   bool release(int64_t now);
