@@ -24,7 +24,7 @@ using Lines = std::vector<std::string>;
 
 // The line of `port` in the energy report.
 std::string portLine(const std::string& report, const std::string& port) {
-  const size_t at = report.find("port " + port + ":");
+  const size_t at = report.find("port " + port + " ");
   return at == std::string::npos ? "" : report.substr(at, report.find('\n', at) - at);
 }
 
@@ -50,12 +50,12 @@ TEST(RadioTest, AFixedSequenceGivesExactFigures) {
   // Idle 1000 + 5000 + 1900 ms at 20 mW, promoting 260 + 100 ms at 1210 mW, connected
   // otherwise 13740 ms at 1060 mW: 158000 + 435600 + 14564400 uJ.
   EXPECT_EQ(
-      "port mdlnk0: idle, connected 14.100 s (promoting 0.360 s), idle 7.900 s, promotions 2, "
+      "port mdlnk0 (idle now): connected 14.100 s (promoting 0.360 s), idle 7.900 s, promotions 2, "
       "energy 15.158000 J, delivered 4, dropped 0",
       portLine(at(22000, {"energy"}), "mdlnk0"));
   at(22000, {"energy", "--reset"});
   EXPECT_EQ(
-      "port mdlnk0: idle, connected 0.000 s (promoting 0.000 s), idle 1.000 s, promotions 0, "
+      "port mdlnk0 (idle now): connected 0.000 s (promoting 0.000 s), idle 1.000 s, promotions 0, "
       "energy 0.020000 J, delivered 0, dropped 0",
       portLine(at(23000, {"energy"}), "mdlnk0"));
 }

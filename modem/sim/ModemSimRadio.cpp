@@ -70,14 +70,14 @@ std::string seconds(int64_t ms) {
 
 std::string joules(uint64_t uj) {
   char s[32];
-  snprintf(s, sizeof(s), "%" PRIu64 ".%06d J", uj / 1000000, static_cast<int>(uj % 1000000));
+  snprintf(s, sizeof(s), "%" PRIu64 ".%06d", uj / 1000000, static_cast<int>(uj % 1000000));
   return s;
 }
 
 std::string totalsText(const RadioTotals& t, uint64_t delivered, uint64_t dropped) {
   return "connected " + seconds(t.connectedMs) + " (promoting " + seconds(t.promotionMs) +
          "), idle " + seconds(t.idleMs) + ", promotions " + std::to_string(t.promotions) +
-         ", energy " + joules(t.energyUj) + ", delivered " + std::to_string(delivered) +
+         ", energy " + joules(t.energyUj) + " J, delivered " + std::to_string(delivered) +
          ", dropped " + std::to_string(dropped);
 }
 
@@ -85,8 +85,8 @@ std::string totalsJson(const RadioTotals& t, uint64_t delivered, uint64_t droppe
   std::ostringstream s;
   s << "\"connectedMs\":" << t.connectedMs << ",\"promotingMs\":" << t.promotionMs
     << ",\"idleMs\":" << t.idleMs << ",\"promotions\":" << t.promotions
-    << ",\"energyUj\":" << t.energyUj << ",\"delivered\":" << delivered
-    << ",\"dropped\":" << dropped;
+    << ",\"energyUj\":" << t.energyUj << ",\"energyJ\":" << joules(t.energyUj)
+    << ",\"delivered\":" << delivered << ",\"dropped\":" << dropped;
   return s.str();
 }
 
@@ -212,8 +212,8 @@ std::string ModemSim::energyText() const {
   for (const auto& entry : links_) {
     const Link& link = entry.second;
     const RadioTotals t = link.radio.totals(now_, radio_);
-    s += "port " + entry.first + ": " + (link.radio.connected() ? "connected" : "idle") + ", " +
-         totalsText(t, link.delivered, link.dropped);
+    s += "port " + entry.first + " (" + (link.radio.connected() ? "connected" : "idle") +
+         " now): " + totalsText(t, link.delivered, link.dropped);
     const char* sep = " (";
     for (const auto& d : link.droppedBy) {
       s += sep + d.first + " " + std::to_string(d.second);
