@@ -50,39 +50,17 @@ TEST_F(ParcelTest, WireBytesAndReadBack) {
   EXPECT_EQ(0u, p.dataAvail());
 }
 
-TEST_F(ParcelTest, WritesOverwriteAtThePositionAndSetDataCopies) {
-  p.writeInt32(1);
-  p.writeInt32(2);
-  p.writeInt32(3);
-  p.setDataPosition(4);
-  p.writeInt32(9);
-  EXPECT_EQ(8u, p.dataPosition());
-  EXPECT_EQ((Bytes{1, 0, 0, 0, 9, 0, 0, 0, 3, 0, 0, 0}), written());
-  for (size_t far : {size_t{100}, SIZE_MAX}) {
-    p.setDataPosition(far);
-    EXPECT_EQ(12u, p.dataPosition());
-  }
-
-  Bytes src{5, 0, 0, 0};
+TEST_F(ParcelTest, SetDataCopiesAndReadsNeverPassTheEnd) {
+  Bytes src{0x2a, 0, 0, 0, 1, 2, 3};
   load(src);
   src[0] = 6;
-  EXPECT_EQ(0u, p.dataPosition());
-  EXPECT_EQ(5, p.readInt32());
-  EXPECT_EQ(android::BAD_VALUE, p.setData(nullptr, 4));
-  EXPECT_EQ(4u, p.dataSize());
-  EXPECT_EQ(android::OK, p.setData(nullptr, 0));
-  EXPECT_EQ(0u, p.dataSize());
-  EXPECT_NE(nullptr, p.data());
-}
-
-TEST_F(ParcelTest, ReadingPastTheEndYieldsZeroAndStays) {
-  load({0x2a, 0, 0, 0, 1, 2, 3});
-  EXPECT_EQ(42, p.readInt32());
+  EXPECT_EQ(42, p.readInt32());  // a copy: the source may go away
   int32_t v = 5;
   EXPECT_EQ(android::NOT_ENOUGH_DATA, p.readInt32(&v));
   EXPECT_EQ(0, v);
   EXPECT_EQ(4u, p.dataPosition());
   EXPECT_EQ(String16(), p.readString16());
+  EXPECT_EQ(android::BAD_VALUE, p.setData(nullptr, 4));
 }
 
 TEST_F(ParcelTest, MalformedStringsReadAsEmpty) {
@@ -103,20 +81,8 @@ TEST_F(ParcelTest, MalformedStringsReadAsEmpty) {
     EXPECT_EQ(0u, len);
     EXPECT_EQ(4u, p.dataPosition());
   }
-  load({0, 1, 0, 0, 0, 'a', 0, 0, 0});
-  p.setDataPosition(1);  // units would sit at an odd address
-  EXPECT_EQ(String16(), p.readString16());
   load({1, 0, 0, 0, 'a', 0, 0, 0});  // ends right after the terminator
   EXPECT_EQ(String16("a"), p.readString16());
-}
-
-TEST_F(ParcelTest, OversizedStringWritesNothing) {
-  p.writeInt32(3);
-  const char16_t unit = u'a';  // rejected before the units are read: one is enough
-  for (size_t len : {size_t{0x40000000}, size_t{0x3ffffffe}, SIZE_MAX})
-    EXPECT_EQ(android::NO_MEMORY, p.writeString16(&unit, len));
-  EXPECT_EQ((Bytes{3, 0, 0, 0}), written());
-  EXPECT_EQ(4u, p.dataPosition());
 }
 
 // The UTF-8 <-> UTF-16 helpers that feed String16 payloads.
@@ -131,23 +97,13 @@ std::string to8(const std::u16string& s, size_t n) {
 }
 
 TEST(Utf16DupTest, ConvertsBothWays) {
-  EXPECT_EQ(u"mdlnk0", to16("mdlnk0"));
-  EXPECT_EQ(u"", to16(""));
-  EXPECT_EQ((std::u16string{'a', 0xe9, 0x20ac, 0xd83d, 0xde00, 'b'}),
-            to16("a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"
-                 "b"));
-  EXPECT_EQ((std::u16string{'a', 0xe2, 0x82}), to16("a\xe2\x82"));  // cut short: Latin-1
-  EXPECT_EQ((std::u16string{0xf0}), to16("\xf0"));
-
   const std::u16string text{'a', 0xe9, 0x20ac, 0xd83d, 0xde00, 'z'};
-  EXPECT_EQ("a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z", to8(text, text.size()));
+  const char utf8[] = "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z";
+  EXPECT_EQ(text, to16(utf8));
+  EXPECT_EQ(utf8, to8(text, text.size()));
   EXPECT_EQ("a\xc3\xa9", to8(text, 2));
-  EXPECT_EQ("", to8(text, 0));
-  EXPECT_EQ("a\xc3\xa9\xe2\x82\xac", to8(text, 4));  // cut inside the pair: its half is dropped
-
   size_t len = 99;
   EXPECT_EQ(nullptr, strdup8to16(nullptr, &len));
-  EXPECT_EQ(0u, len);
   EXPECT_EQ(nullptr, strndup16to8(nullptr, 3));
 }
 

@@ -45,7 +45,6 @@ struct Store {
   // `values`, made again after every change.
   std::unordered_map<std::string_view, std::string_view> byName;
   std::string path;  // empty: memory only
-  bool envChecked = false;
 };
 
 std::atomic<property_host_watcher_fn> gWatcher{nullptr};
@@ -153,13 +152,6 @@ bool useFile(Store& s, const char* path) {
   return true;
 }
 
-// Caller holds s.lock.
-void checkEnvOnce(Store& s) {
-  if (s.envChecked) return;
-  s.envChecked = true;
-  const char* path = getenv("NOX_PROPERTY_FILE");
-  if (path != nullptr && path[0] != '\0') useFile(s, path);
-}
 
 }  // namespace
 
@@ -176,7 +168,6 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
   if (key != nullptr) {
     Store& s = store();
     std::lock_guard<SpinLock> guard(s.lock);
-    checkEnvOnce(s);
     const auto it = s.byName.find(std::string_view(key));
     if (it != s.byName.end() && !it->second.empty())
       return copy(it->second.data(), it->second.size());
@@ -189,7 +180,6 @@ namespace {
 bool storeValue(const char* key, const char* value) {
   Store& s = store();
   std::lock_guard<SpinLock> guard(s.lock);
-  checkEnvOnce(s);
   if (s.path.empty()) {
     s.values[key] = value;
     reindex(s);
@@ -228,12 +218,10 @@ extern "C" void property_host_reset(void) {
   s.values.clear();
   s.byName.clear();
   s.path.clear();
-  s.envChecked = true;
 }
 
 extern "C" int property_host_use_file(const char* path) {
   Store& s = store();
   std::lock_guard<SpinLock> guard(s.lock);
-  s.envChecked = true;
   return useFile(s, path) ? 0 : -1;
 }

@@ -5,13 +5,10 @@
 // backed by a file so that other processes (tools, tests) can see the values.
 //
 // Backing file: "key=value" lines, split at the first '=' with no trimming; blank
-// lines, lines starting with '#' and lines without a key are ignored. The first call
-// into this API reads the environment variable NOX_PROPERTY_FILE and, if it is set,
-// adopts that file as property_host_use_file() would (if it cannot be read, the
-// store stays memory only). Only that first call does:
-// after property_host_reset() or property_host_use_file() the variable is no longer
-// consulted, so a reset gives a clean memory-only store whatever the environment.
-// The file is read once, when adopted; later changes by other processes are not seen.
+// lines, lines starting with '#' and lines without a key are ignored. The store is in
+// memory only until a program adopts a file (the daemon's --props FILE, or
+// $NOX_PROPERTY_FILE). The file is read once, when adopted; later changes by other
+// processes are not seen.
 
 #ifdef __cplusplus
 extern "C" {
@@ -34,7 +31,7 @@ int property_get(const char* key, char* value, const char* default_value);
 int property_set(const char* key, const char* value);
 
 // Host only (tests). Empties the store and forgets the backing file; the file itself
-// is left alone and NOX_PROPERTY_FILE is not read again.
+// is left alone.
 void property_host_reset(void);
 // Host only (the daemon's --props FILE). Replaces the store's content with that of
 // `path` and makes it the backing file of later sets; a missing file in a writable
