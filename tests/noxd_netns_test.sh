@@ -59,10 +59,13 @@ expect_clients "wds v6,dfs v6"
 "$modemsim" restart
 expect_log "received tov system event:1"
 [ "$(ctl feature get 2)" = "feature 2 status 3" ] || fail "no answer after the modem restart"
-stop_noxd
-ip -6 addr del 2001:db8::7/64 dev mdlnk0
+# The simulator dies: the library reports the modem gone, and the daemon still serves.
 kill "$msim"
 wait "$msim" || true
+wait_until test "$(grep -c 'received tov system event:0' "$log")" -ge 2 || fail "no event for a dead modem"
+[ "$(ctl feature get 2)" = "feature 2 status 3" ] || fail "no answer once the modem is gone"
+stop_noxd
+ip -6 addr del 2001:db8::7/64 dev mdlnk0
 
 # The sample policies, step by step.
 start_modemsim "$modemsim"

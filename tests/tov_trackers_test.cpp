@@ -194,6 +194,39 @@ TEST_F(TrackerTest, IndicationsReachTheLoopUntilTheirTrackerIsGone) {
   close(next);
 }
 
+// Client starts, the report and releases failing: each has its line, nothing more.
+TEST_F(TrackerTest, FailedStartsAndReleasesAreLoggedAndSurvived) {
+  struct Case {
+    const char* fault;
+    bool dfs;
+    tov_ip_family_pref_type family;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"wds-start", false, kV4, "tov_wds_svc_init_client err:3 for port:mdlnk0"},
+      {"wds-ip-pref", false, kV6, "tov_wds_set_client_ip_pref rc:-2 err:3"},
+      {"wds-event-report", false, kV4, "failed to set dormancy event report, ret:1, err:3"},
+      {"wds-release", false, kV4, "tov_wds_svc_release_client failed, ret:-2, err:3"},
+      {"dfs-start", true, kV4, "NoxDfsTracker::startTovDfs: DFS client init error -2"},
+      {"dfs-bind", true, kV6, "NoxDfsTracker::startTovDfs: TOV req responded with failure 3"},
+      {"dfs-set-autoexit", true, kV4, "NoxDfsTracker::startTovDfs: set autoexit mode failed"},
+      {"dfs-release", true, kV4, "NoxDfsTracker::stopTovDfs: TOV client release failed error -2"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fault);
+    sim_.cli({"fail", c.fault});
+    if (c.dfs) {
+      NoxDfsTracker tracker("mdlnk0", c.family, com_);
+      bool mode;
+      tracker.getDfsFilterMode(mode);
+    } else {
+      NoxWdsTracker tracker("mdlnk0", c.family, com_);
+      tracker.setDormancyEventReport(true);
+    }
+    EXPECT_EQ(1, log_.count(c.line));
+  }
+}
+
 TEST_F(TrackerTest, FiltersReachTheModemAsRules) {
   NoxDfsTracker v4("mdlnk0", kV4, com_);
   NoxDfsTracker v6("mdlnk0", kV6, com_);
