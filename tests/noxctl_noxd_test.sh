@@ -28,10 +28,12 @@ mkdir "$dir/props.d"
 head -c 1048577 /dev/zero >"$dir/big.prop"
 echo "persist.nox.feature=abc" >"$dir/abc.prop"
 echo "persist.nox.loglevel=4" >"$dir/unset.prop"
+head -c 4096 /dev/urandom | tr '=\n' 'xy' >"$dir/garbage.prop"
 s="--socket $dir/s"
 cases=(
   "2|unknown or incomplete option '--bogus'||--bogus"
   "2|invalid log level '5' (0 to 4)||--log-level 5"
+  "2|unknown or incomplete option '--socket' (see --help)||--socket"
   "2|cannot create socket $dir/missing/sock: No such file or directory||--socket $dir/missing/sock"
   "2|ANDROID_SOCKET_noxd is unset: start noxd from init, or give --socket PATH|-u ANDROID_SOCKET_noxd|"
   "2|ANDROID_SOCKET_noxd is unset|ANDROID_SOCKET_noxd=|"
@@ -45,12 +47,13 @@ cases=(
   "0|no feature is on (persist.nox.feature is \"abc\" in $dir/abc.prop)||$s --props $dir/abc.prop"
   "0|no feature is on (persist.nox.feature is unset in $dir/unset.prop)||$s --props $dir/unset.prop"
   "0|(persist.nox.feature is unset in $dir/new.prop, which did not exist)||$s --props $dir/new.prop"
+  "0|no feature is on (persist.nox.feature is unset in $dir/garbage.prop)||$s --props $dir/garbage.prop"
 )
 for c in "${cases[@]}"; do
   IFS='|' read -r want text envs args <<<"$c"
   status=0
   # shellcheck disable=SC2086
-  env $envs "$noxd" $args --log-level 4 </dev/null 2>"$dir/err" || status=$?
+  env $envs "$noxd" --log-level 4 $args </dev/null 2>"$dir/err" || status=$?
   [ "$status" = "$want" ] && [ "$(wc -l <"$dir/err")" -eq 1 ] && grep -qF -- "$text" "$dir/err" ||
     fail "noxd $envs $args: exit $status, said: $(cat "$dir/err")"
 done
