@@ -134,7 +134,7 @@ TEST_F(DsmTest, EveryRecordCutAtEveryLengthLeavesTheDaemonServing) {
   for (int32_t id = 0; id < 15; ++id) {
     for (size_t cut = 0; cut <= full[id].b.size(); ++cut) {
       Wire w = Wire().i32(id).i32(static_cast<int32_t>(cut));
-      w.b.insert(w.b.end(), full[id].b.begin(), full[id].b.begin() + static_cast<long>(cut));
+      for (size_t i = 0; i < cut; ++i) w.b.push_back(full[id].b[i]);
       const std::vector<uint8_t> r = w.record();
       ASSERT_EQ(ssize_t(r.size()), write(fds_[0], r.data(), r.size()));
       nox_->com.processEvents(0, nox_->timer);

@@ -324,6 +324,9 @@ TEST_F(ClientTest, OutOfDescriptorsTheLoopWaitsAndServesTheBacklogLater) {
   ASSERT_EQ(0, pipe(result));
   const pid_t child = fork();
   if (child == 0) {
+    // A sanitizer checks a virtual call's type once, with a pipe of its own: let it do
+    // that for the timer's monitor while descriptors are still to be had.
+    static_cast<INoxTimerMonitor*>(nox_.get())->notifyDelayChange();
     // Room for two more descriptors: the third client waits in the backlog.
     const int lowest = dup(0);
     close(lowest);
@@ -334,6 +337,7 @@ TEST_F(ClientTest, OutOfDescriptorsTheLoopWaitsAndServesTheBacklogLater) {
     const int lines = log_.count("unable to accept incoming socket");
     _exit(write(result[1], &lines, sizeof(lines)) == sizeof(lines) ? 0 : 1);
   }
+  close(result[1]);  // a child that dies reads as the end of the pipe
   std::vector<int> waiting;
   for (int i = 0; i < 3; ++i) waiting.push_back(connectClient());
   usleep(300 * 1000);  // the child takes two, and cannot take the third
@@ -353,9 +357,8 @@ TEST_F(ClientTest, OutOfDescriptorsTheLoopWaitsAndServesTheBacklogLater) {
   EXPECT_GE(lines, 1);
   int status = 0;
   ASSERT_EQ(child, waitpid(child, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   close(result[0]);
-  close(result[1]);
 }
 
 int openDescriptors() {

@@ -24,7 +24,7 @@ struct Wire {
   std::vector<uint8_t> record() const {
     const uint32_t n = static_cast<uint32_t>(b.size());
     std::vector<uint8_t> out = {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
-    out.insert(out.end(), b.begin(), b.end());
+    for (uint8_t byte : b) out.push_back(byte);
     return out;
   }
 };
