@@ -105,16 +105,4 @@ TEST_F(DispatcherTest, NestedDispatchOfTheSameIdLeavesTheOuterEntryToTheOuterCal
   EXPECT_EQ(1u, d.count(A));
 }
 
-TEST_F(DispatcherTest, DispatchPassesDataAndIgnoresIdsWithoutHandlers) {
-  const int payload = 42;
-  const void* seen = nullptr;
-  reg(A, make("h", [&](Handler&) {}));
-  d.regEventCallback(B, [](Ev, const void* data, void* out) { *static_cast<const void**>(out) = data; },
-                     &seen);
-  d.dispatchEvent(static_cast<Ev>(7), &payload);
-  EXPECT_TRUE(calls.empty());
-  d.dispatchEvent(B, &payload);
-  EXPECT_EQ(&payload, seen);
-}
-
 }  // namespace

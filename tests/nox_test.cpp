@@ -119,19 +119,8 @@ TEST(RunDeathTest, ControlSocketFromTheEnvironment) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(runWithSocketEnv(nullptr), "Critical Error, Aborting: Cannot get control socket");
   EXPECT_DEATH(runWithSocketEnv("-1"), "Critical Error, Aborting: Cannot get control socket");
-  EXPECT_DEATH(runWithSocketEnv("99999999999999999999"),
-               "Critical Error, Aborting: Cannot get control socket");
   // Not a number reads as descriptor 0, which is no listening socket.
   EXPECT_DEATH(runWithSocketEnv("abc"), "Critical Error, Aborting: Cannot (set|open)");
-  // Trailing non-digits are ignored: the leading number is used (here a pipe, which
-  // cannot listen).
-  int p[2];
-  ASSERT_EQ(0, pipe(p));
-  const std::string trailing = std::to_string(p[0]) + "xyz";
-  EXPECT_DEATH(runWithSocketEnv(trailing.c_str()),
-               "Critical Error, Aborting: Cannot open control socket for listening");
-  close(p[0]);
-  close(p[1]);
 }
 
 timespec gNow = {1000, 0};

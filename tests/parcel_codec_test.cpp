@@ -100,20 +100,6 @@ TEST_F(ParcelCodecTest, AppListOrderAndCount) {
   EXPECT_EQ(1u, wrapped.apps.size());
 }
 
-TEST_F(ParcelCodecTest, ShortParcelYieldsZeros) {
-  _WlanInfo wlan = {9, 9, 9};
-  NoxWwanInfoType wwan;
-  memset(&wwan, 'x', sizeof(wwan));
-  std::string s = "old";
-  decode(Wire(), wlan);
-  decode(Wire(), wwan);
-  decode(Wire(), s);
-  EXPECT_EQ(0, wlan.type | wlan.status | wlan.softAp);
-  EXPECT_EQ(0, wwan.apn);
-  EXPECT_STREQ("", wwan.ipV4);
-  EXPECT_EQ("", s);
-}
-
 TEST_F(ParcelCodecTest, EncodersWriteExactLayouts) {
   NoxAppInfoMsgDataType apps;
   apps.action = NOX_PKG_ACTION_ADD;

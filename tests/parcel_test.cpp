@@ -1,10 +1,7 @@
 #include <binder/Parcel.h>
-#include <cutils/jstring.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -83,28 +80,6 @@ TEST_F(ParcelTest, MalformedStringsReadAsEmpty) {
   }
   load({1, 0, 0, 0, 'a', 0, 0, 0});  // ends right after the terminator
   EXPECT_EQ(String16("a"), p.readString16());
-}
-
-// The UTF-8 <-> UTF-16 helpers that feed String16 payloads.
-std::u16string to16(const char* s) {
-  size_t len = 99;
-  std::unique_ptr<char16_t, decltype(&free)> units(strdup8to16(s, &len), free);
-  return units ? std::u16string(units.get(), len) : u"(null)";
-}
-std::string to8(const std::u16string& s, size_t n) {
-  std::unique_ptr<char, decltype(&free)> bytes(strndup16to8(s.data(), n), free);
-  return bytes ? bytes.get() : "(null)";
-}
-
-TEST(Utf16DupTest, ConvertsBothWays) {
-  const std::u16string text{'a', 0xe9, 0x20ac, 0xd83d, 0xde00, 'z'};
-  const char utf8[] = "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z";
-  EXPECT_EQ(text, to16(utf8));
-  EXPECT_EQ(utf8, to8(text, text.size()));
-  EXPECT_EQ("a\xc3\xa9", to8(text, 2));
-  size_t len = 99;
-  EXPECT_EQ(nullptr, strdup8to16(nullptr, &len));
-  EXPECT_EQ(nullptr, strndup16to8(nullptr, 3));
 }
 
 }  // namespace

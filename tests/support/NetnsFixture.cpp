@@ -2,7 +2,6 @@
 
 #include <net/if.h>
 #include <sched.h>
-#include <strings.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -12,8 +11,6 @@
 #include <cstring>
 
 namespace {
-
-std::string gLinkKind;  // the kind addLink found to work in this process
 
 std::string family(const std::string& cidr) {
   return cidr.find(':') != std::string::npos ? "-6 " : "-4 ";
@@ -31,8 +28,7 @@ bool runIp(const std::string& args, std::string* output) {
   return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-}  // namespace
-
+// Moves the calling thread, and the threads it starts later, into the namespace.
 bool enterPrivateNetns(std::string* why) {
   static std::string failure;
   static const bool entered = [] {
@@ -44,19 +40,18 @@ bool enterPrivateNetns(std::string* why) {
       failure = "ip link set dev lo up failed: " + output;
     return failure.empty();
   }();
-  if (!entered && why != nullptr) *why = failure;
+  *why = failure;
   return entered;
 }
 
-bool netnsRequired() {
-  const char* value = getenv("NOX_REQUIRE_NETNS");
-  return value != nullptr && strcmp(value, "1") == 0;
-}
+}  // namespace
 
 void NetnsTest::SetUp() {
   std::string why;
   if (enterPrivateNetns(&why)) return;
-  if (netnsRequired()) FAIL() << "NOX_REQUIRE_NETNS=1 but no private network namespace: " << why;
+  const char* required = getenv("NOX_REQUIRE_NETNS");
+  if (required != nullptr && strcmp(required, "1") == 0)
+    FAIL() << "NOX_REQUIRE_NETNS=1 but no private network namespace: " << why;
   GTEST_SKIP() << "no private network namespace: " << why;
 }
 
@@ -68,32 +63,15 @@ void NetnsTest::TearDown() {
 
 bool NetnsTest::ip(const std::string& args) {
   std::string output;
-  if (tryIp(args, &output)) return true;
+  if (runIp(args, &output)) return true;
   ADD_FAILURE() << "ip " << args << " failed: " << output;
   return false;
 }
 
-bool NetnsTest::tryIp(const std::string& args, std::string* output) { return runIp(args, output); }
-
 bool NetnsTest::addLink(const std::string& name) {
-  // A veth peer must not start with "mdlnk": the daemon takes such names for modem links.
-  const std::pair<const char*, std::string> kinds[] = {
-      {"dummy", "link add " + name + " type dummy"},
-      {"tun", "tuntap add dev " + name + " mode tun"},
-      {"veth", "link add " + name + " type veth peer name " + ("nxp-" + name).substr(0, 15)}};
-  std::string failures;
-  for (const auto& kind : kinds) {
-    std::string output;
-    if (!gLinkKind.empty() && gLinkKind != kind.first) continue;
-    if (tryIp(kind.second, &output)) {
-      gLinkKind = kind.first;
-      createdLinks_.push_back(name);
-      return true;
-    }
-    failures += std::string("\n  ") + kind.first + ": " + output;
-  }
-  ADD_FAILURE() << "cannot create link " << name << ":" << failures;
-  return false;
+  if (!ip("tuntap add dev " + name + " mode tun")) return false;
+  createdLinks_.push_back(name);
+  return true;
 }
 
 bool NetnsTest::delLink(const std::string& name) {
@@ -106,16 +84,9 @@ bool NetnsTest::linkUp(const std::string& name) { return ip("link set dev " + na
 
 bool NetnsTest::linkDown(const std::string& name) { return ip("link set dev " + name + " down"); }
 
-const std::string& NetnsTest::linkKind() { return gLinkKind; }
-
 bool NetnsTest::addAddr(const std::string& iface, const std::string& cidr) {
-  const bool v6 = family(cidr) == "-6 ";
-  const int octet = atoi(cidr.c_str());
   std::string args = family(cidr) + "addr add " + cidr + " dev " + iface;
-  if (v6 ? strncasecmp(cidr.c_str(), "ff", 2) == 0 : octet >= 224 && octet <= 239)
-    args += " autojoin";  // multicast
-  else if (v6)
-    args += " nodad";
+  if (family(cidr) == "-6 ") args += cidr.compare(0, 2, "ff") == 0 ? " autojoin" : " nodad";
   return ip(args);
 }
 
