@@ -10,15 +10,20 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DNOX_FUZZ=ON -DNOX_BUILD
   -DNOX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 ninja -C build-fuzz -j"${JOBS:-2}" >/dev/null
 
-# Runs target $1 with libFuzzer arguments $2...; prints its last line.
+# Runs target $1 with libFuzzer arguments $2...; prints how many inputs it ran and, if it
+# failed, what the sanitizer or libFuzzer said and where the input was written (the whole
+# output is in build-fuzz/TARGET.log).
 fuzz() {
-  local target=$1 name
+  local target=$1 name status=0
   shift
   name=$(basename "$target")
   mkdir -p "build-fuzz/corpus/$name"
   echo "== $name"
-  "$target" -max_len=8192 "$@" "build-fuzz/corpus/$name" "fuzz/corpus/$name" 2>&1 | tail -n 1
-  return "${PIPESTATUS[0]}"
+  "$target" -max_len=8192 "$@" "build-fuzz/corpus/$name" "fuzz/corpus/$name" \
+    >"build-fuzz/$name.log" 2>&1 || status=$?
+  grep -E '^Done [0-9]+ runs|ERROR|SUMMARY|Test unit written' "build-fuzz/$name.log" || true
+  [ "$status" -eq 0 ] || echo "$name failed with status $status: build-fuzz/$name.log"
+  return "$status"
 }
 
 mode=${1:-smoke}

@@ -32,9 +32,13 @@ extern "C" {
 #define TOV_DFS_POWERSAVE_FILTER_MODE_IND_V01 0x002C
 #define TOV_DFS_REMOVE_ALL_POWERSAVE_FILTERS_REQ_V01 0x002D
 
+/* The enums of the messages carry a sentinel at each end of the int32 range: every value
+ * the wire can carry is then a value of the type, and each enum stays 32 bits wide. */
 typedef enum {
+  TOV_RESULT_TYPE_MIN_ENUM_VAL_V01 = -2147483647,
   TOV_RESULT_SUCCESS_V01 = 0,
   TOV_RESULT_FAILURE_V01 = 1,
+  TOV_RESULT_TYPE_MAX_ENUM_VAL_V01 = 2147483647,
 } tov_result_type_v01;
 
 /* The modem's error code (tov.h's TOV_SERVICE_ERR_* values). */
@@ -47,11 +51,14 @@ typedef struct {
 } tov_response_type_v01;
 
 typedef enum {
+  DFS_IP_FAMILY_ENUM_MIN_ENUM_VAL_V01 = -2147483647,
   DFS_IP_FAMILY_IPV4_V01 = 0x04,
   DFS_IP_FAMILY_IPV6_V01 = 0x06,
+  DFS_IP_FAMILY_ENUM_MAX_ENUM_VAL_V01 = 2147483647,
 } dfs_ip_family_enum_v01;
 
 typedef enum {
+  DFS_XPORT_PROTOCOL_ENUM_MIN_ENUM_VAL_V01 = -2147483647,
   DFS_PROTO_NONE_V01 = 0x00,
   DFS_PROTO_ICMP_V01 = 0x01,
   DFS_PROTO_TCP_V01 = 0x06,
@@ -59,6 +66,7 @@ typedef enum {
   DFS_PROTO_ESP_V01 = 0x32,
   DFS_PROTO_ICMP6_V01 = 0x3A,
   DFS_PROTO_TCP_UDP_V01 = 0xFD,
+  DFS_XPORT_PROTOCOL_ENUM_MAX_ENUM_VAL_V01 = 2147483647,
 } dfs_xport_protocol_enum_v01;
 
 /* Valid-parameter masks: a bit set means the parameter is part of the rule. */

@@ -24,6 +24,14 @@ bool validPort(const char* port) {
   return port != nullptr && *port != '\0' && strnlen(port, kMaxPortName + 1) <= kMaxPortName;
 }
 
+// Values from the wire become enums only when they are values the headers name.
+bool knownDormancy(uint32_t v) {
+  return v == TOV_WDS_DORM_STATUS_DORMANT || v == TOV_WDS_DORM_STATUS_ACTIVE;
+}
+bool knownIndication(uint32_t v) {
+  return v == TOV_WDS_SRVC_PKT_SRVC_STATUS_IND_MSG || v == TOV_WDS_SRVC_EVENT_REPORT_IND_MSG;
+}
+
 // A request on an existing WDS client: its id first, then `fields`.
 template <typename F>
 int wdsCall(uint16_t kind, int handle, int* err, F fields, std::vector<uint8_t>* rest = nullptr) {
@@ -54,7 +62,7 @@ int tov_init(tov_sys_event_rx_hdlr handler, void* user_data) {
     return rc;
   }
   return link.addStart([handler, user_data](uint32_t event, uint32_t restarts) {
-    if (handler == nullptr) return;
+    if (handler == nullptr || event > TOV_SYS_EVENT_MODEM_IN_SERVICE_IND) return;
     tov_sys_event_info_type info = {restarts};
     handler(static_cast<tov_sys_event_type>(event), &info, user_data);
   });
@@ -101,8 +109,9 @@ int tov_wds_srvc_init_client(const char* dev_id, tov_wds_indication_hdlr_type hd
     tov_wds_indication_data_type data;
     memset(&data, 0, sizeof(data));
     data.event_report.event_mask = static_cast<unsigned long>(ind.u64());
-    data.event_report.dorm_status = static_cast<tov_wds_dorm_status_type>(ind.u32());
-    if (!ind.done()) return;
+    const uint32_t dorm = ind.u32();
+    if (!ind.done() || !knownIndication(id) || !knownDormancy(dorm)) return;
+    data.event_report.dorm_status = static_cast<tov_wds_dorm_status_type>(dorm);
     hdlr(handle, TOV_WDS_SERVICE, user_data, static_cast<tov_wds_indication_id_type>(id), &data);
   };
   return link.addClient(std::move(client));
@@ -136,7 +145,7 @@ int tov_wds_get_dormancy_status(int handle, tov_wds_dorm_status_type* status, in
   if (rc != TOV_NO_ERR) return rc;
   Reader in(rest.data(), rest.size());
   const uint32_t value = in.u32();
-  if (!in.done()) return TOV_INTERNAL_ERR;
+  if (!in.done() || !knownDormancy(value)) return TOV_INTERNAL_ERR;
   *status = static_cast<tov_wds_dorm_status_type>(value);
   return TOV_NO_ERR;
 }
