@@ -2,6 +2,8 @@
 
 #include "ModemSim.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -25,8 +27,6 @@ bool validPort(const std::string& port) {
   return true;
 }
 
-const char* familyName(int family) { return family == 1 ? "v6" : "v4"; }
-
 std::string result(int rc, int err, bool fault) {
   if (rc == 0) return "ok";
   std::string s = "error " + std::to_string(rc) + "/" + std::to_string(err);
@@ -38,6 +38,17 @@ Outgoing answerFrame(uint64_t connection, const tovwire::Header& h, const Writer
 }
 
 }  // namespace
+
+const char* familyName(int family) { return family == 1 ? "v6" : "v4"; }
+
+bool parseNumber(const std::string& text, long min, long max, long* out) {
+  char* end = nullptr;
+  errno = 0;
+  const long v = strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno != 0 || v < min || v > max) return false;
+  *out = v;
+  return true;
+}
 
 const std::vector<std::string>& ModemSim::operations() {
   static const std::vector<std::string> ops = {

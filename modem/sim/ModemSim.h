@@ -19,6 +19,11 @@
 
 namespace modemsim {
 
+// "v4" or "v6", as the simulator's texts name an IP family (0 or 1).
+const char* familyName(int family);
+// A decimal number from `text` within [min, max]; false for anything else.
+bool parseNumber(const std::string& text, long min, long max, long* out);
+
 // A frame for connection `connection`. Answers to library requests wait for the
 // configured delay; everything else goes out at once, behind what is queued.
 struct Outgoing {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 #include "ModemSim.h"
@@ -15,7 +14,6 @@ namespace modemsim {
 
 namespace {
 
-const char* familyName(int family) { return family == 1 ? "v6" : "v4"; }
 const char* onOff(bool on) { return on ? "on" : "off"; }
 
 std::string hex(uint64_t v) {
@@ -101,14 +99,6 @@ std::string ruleJson(uint32_t handle, const dfs_filter_rule_type_v01& r) {
     << ",\"tcp\":" << portJson(r.xport_info.tcp_info) << ",\"udp\":" << portJson(r.xport_info.udp_info)
     << "}";
   return s.str();
-}
-
-bool number(const std::string& text, long min, long max, long* out) {
-  char* end = nullptr;
-  const long v = strtol(text.c_str(), &end, 0);
-  if (text.empty() || *end != '\0' || v < min || v > max) return false;
-  *out = v;
-  return true;
 }
 
 }  // namespace
@@ -285,8 +275,8 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
     long times = 1, error = TOV_SERVICE_ERR_INTERNAL;
     for (size_t i = 2; i < n; i += 2) {
       if (i + 1 >= n) return usage(use);
-      if (args[i] == "--times" && number(args[i + 1], 0, 1000000, &times)) continue;
-      if (args[i] == "--error" && number(args[i + 1], 1, 0xffff, &error)) continue;
+      if (args[i] == "--times" && parseNumber(args[i + 1], 0, 1000000, &times)) continue;
+      if (args[i] == "--error" && parseNumber(args[i + 1], 1, 0xffff, &error)) continue;
       return usage(use);
     }
     if (times == 0)
@@ -297,7 +287,7 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
   }
   if (cmd == "delay") {
     long ms = 0;
-    if (n != 2 || !number(args[1], 0, 600000, &ms)) return usage("usage: delay MS (0 to 600000)");
+    if (n != 2 || !parseNumber(args[1], 0, 600000, &ms)) return usage("usage: delay MS (0 to 600000)");
     delayMs_ = static_cast<int>(ms);
     return 0;
   }

@@ -14,8 +14,6 @@ namespace {
 
 constexpr size_t kMaxRulesPerPath = 2048;
 
-const char* familyName(int family) { return family == 1 ? "v6" : "v4"; }
-
 bool knownProtocol(int p) {
   switch (p) {
     case DFS_PROTO_NONE_V01:

@@ -4,7 +4,6 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 #include "ModemSim.h"
@@ -12,16 +11,6 @@
 namespace modemsim {
 
 namespace {
-
-const char* familyName(int family) { return family == 1 ? "v6" : "v4"; }
-
-bool number(const std::string& text, long min, long max, long* out) {
-  char* end = nullptr;
-  const long v = strtol(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || v < min || v > max) return false;
-  *out = v;
-  return true;
-}
 
 bool inRange(const dfs_port_type_v01& range, long port) {
   return port >= range.port && port <= long(range.port) + range.range;
@@ -159,9 +148,9 @@ int ModemSim::traffic(const std::vector<std::string>& args, std::string& text,
       family = value == "v6" ? kV6 : kV4;
     } else if (option == "--proto" && (value == "tcp" || value == "udp")) {
       proto = value == "udp" ? DFS_PROTO_UDP_V01 : DFS_PROTO_TCP_V01;
-    } else if (!((option == "--src-port" && number(value, 0, 65535, &srcPort)) ||
-                 (option == "--dst-port" && number(value, 0, 65535, &dstPort)) ||
-                 (option == "--count" && number(value, 1, 1000000, &count)))) {
+    } else if (!((option == "--src-port" && parseNumber(value, 0, 65535, &srcPort)) ||
+                 (option == "--dst-port" && parseNumber(value, 0, 65535, &dstPort)) ||
+                 (option == "--count" && parseNumber(value, 1, 1000000, &count)))) {
       return usage();
     }
   }
