@@ -42,6 +42,10 @@ class NoxCom {
   // loop, which makes it at its next pass; the call then returns true at once.
   bool addComEventHandler(int fd, ComEventCallback cb, void* data, ComCloseCallback closeCb,
                           int events);
+  // Hands `data` to the loop from any thread: a fresh eventfd, readable at once, is
+  // registered for `cb`, which then owns the descriptor and `data`. False when no
+  // descriptor is left; nothing is registered then.
+  bool postEvent(ComEventCallback cb, void* data);
   // Unregisters `fd`, runs its close callback and unapproves it; never closes it.
   void removeComEventHandler(int fd);
   // One wait of at most `timeoutMs` (-1: no limit) for up to 4 events, then the due

@@ -72,6 +72,13 @@ bool NoxCom::addComEventHandler(int fd, ComEventCallback cb, void* data, ComClos
   return registerHandler(r);
 }
 
+bool NoxCom::postEvent(ComEventCallback cb, void* data) {
+  const int fd = eventfd(1, EFD_NONBLOCK);
+  if (fd < 0) return false;
+  addComEventHandler(fd, cb, data, nullptr, EPOLLIN);
+  return true;
+}
+
 bool NoxCom::registerHandler(const Registration& r) {
   if (r.fd < 0) {
     NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM, "fd=%d is not a descriptor", r.fd);

@@ -1,7 +1,6 @@
 #include "NoxDfsTracker.h"
 
 #include <arpa/inet.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -311,16 +310,8 @@ void NoxDfsTracker::handleDfsFilterModeInd(tov_client_type handle, bool mode) {
   }
   DfsIndication* record = new (std::nothrow) DfsIndication{this, mode, &mCom};
   if (record == nullptr) return;
-  const int fd = eventfd(0, EFD_NONBLOCK);
-  if (fd < 0) {  // no descriptor to hand it over with: the indication is lost, not leaked
-    delete record;
-    return;
-  }
-  // This thread is not the loop's: NoxCom queues the registration for the loop.
-  mCom.addComEventHandler(fd, dfsEventfdCallback, record, nullptr, EPOLLIN);
-  const uint64_t one = 1;
-  if (write(fd, &one, sizeof(one)) < 0) {
-  }  // a fresh eventfd takes one write
+  // This thread is not the loop's. Without a descriptor the indication is lost, not leaked.
+  if (!mCom.postEvent(dfsEventfdCallback, record)) delete record;
 }
 
 void NoxDfsTracker::dfsEventfdCallback(int fd, void* data) {

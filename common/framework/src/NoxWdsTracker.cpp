@@ -1,6 +1,5 @@
 #include "NoxWdsTracker.h"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -192,16 +191,8 @@ void NoxWdsTracker::processEventReportIndication(int userHandle,
                                                                         : NOX_DORMANCY_STATUS_ACTIVE,
       &mCom};
   if (record == nullptr) return;
-  const int fd = eventfd(0, EFD_NONBLOCK);
-  if (fd < 0) {  // no descriptor to hand it over with: the indication is lost, not leaked
-    delete record;
-    return;
-  }
-  // This thread is not the loop's: NoxCom queues the registration for the loop.
-  mCom.addComEventHandler(fd, wdsEventfdCallback, record, nullptr, EPOLLIN);
-  const uint64_t one = 1;
-  if (write(fd, &one, sizeof(one)) < 0) {
-  }  // a fresh eventfd takes one write
+  // This thread is not the loop's. Without a descriptor the indication is lost, not leaked.
+  if (!mCom.postEvent(wdsEventfdCallback, record)) delete record;
 }
 
 void NoxWdsTracker::wdsEventfdCallback(int fd, void* data) {
