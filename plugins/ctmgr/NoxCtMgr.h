@@ -3,20 +3,34 @@
 
 // The power-save filter sample plug-in (connection-tracking slot, libnoxctmgr.so,
 // entry "init_ct_mgr"): while the screen is off, the modem drops downlink packets that
-// no installed filter allows instead of waking the radio for them. When the screen
-// goes off, it installs the filters of its allow list on every connected interface
-// and switches the filter mode on; when the screen comes on, it switches the mode off
-// and clears the filters. Tethering on counts as screen on: the tethered devices'
-// packets are not the phone's to drop. An interface that connects while the screen is
-// off gets the filters too. Uplink traffic ends the filter mode (the modem's auto-exit,
-// which lets the answers in); it goes back on a few seconds later. It follows the
-// filtering status of the interfaces it has seen connected and logs every change
-// ("CTMGR").
+// no installed filter allows instead of waking the radio for them. Tethering on counts
+// as screen on: the tethered devices' packets are not the phone's to drop. Uplink
+// traffic ends the filter mode (the modem's auto-exit, which lets the answers in); it
+// goes back on reenter_ms later. Every change is logged ("CTMGR").
 //
-// Screen and tethering values: the framework stores the inverse of the integer its
-// client sends. This sample assumes the client sends 1 for on and 0 for off, so a
-// stored 0 is on and a stored 1 is off, which matches the framework's start values
-// (screen on, tethering off).
+// How it decides, and what to keep when you copy it: the policy is a reconciler, not a
+// script. Per interface and IP family it keeps what it WANTS (filter mode on with the
+// family's allow list while the screen and tethering are off, else mode off and no
+// filters) and what the modem HAS (the mode read back from the modem, the filters known
+// from acknowledged answers of the family's current client). One function brings has to
+// want, on every trigger: a screen or tethering change, a connect or reconnect, a
+// filtering indication, the plug-in's start, a retry timer. Its steps are idempotent:
+//   - filter mode goes on for a family only after that family's allow list was removed,
+//     installed and acknowledged; a family with an empty or refused allow list is never
+//     filtered;
+//   - to change the filters the mode goes off first; repeating the steps never adds
+//     rules, since the modem's old filters are removed before each install;
+//   - a new client (reconnect, restart) means the filters are unknown: they are removed
+//     and installed again;
+//   - a failed request is retried after retry_ms, doubling, six times; the log says what
+//     is true now;
+//   - when a family can't reach its wanted state, it is left in the safe state (filter
+//     mode off), and a warning says so.
+// `noxctl dump` shows both columns per interface and family.
+//
+// Screen and tethering values: see NoxDsm.h for the stored values; this sample takes a
+// stored 1 as "off" for both, which matches the framework's start values (screen on,
+// tethering off).
 //
 // Settings, in a tagged file (default /system/vendor/etc/noxctmgr.conf, on the host
 // $NOX_CTMGR_CONFIG):
@@ -24,16 +38,19 @@
 //   allow_v6:tcp/5228          the same for IPv6
 //   reenter_ms:3000            how long the filter mode stays off after uplink traffic
 //                              ended it
+//   retry_ms:1000              first delay before a failed request is tried again
 // Entries are PROTO/PORT with PROTO tcp or udp, separated by blanks or commas. A
 // missing file gives the defaults (push messaging, tcp/5228 to 5230, both families,
-// and 3000 ms); a bad entry or value is logged and skipped.
+// 3000 ms and 1000 ms); a bad entry or value is logged and skipped. The settings
+// parser reads lines of up to 255 characters: a longer allow list is refused whole,
+// and its family is not filtered, rather than installing a cut rule.
 //
 // To start a plug-in of your own, copy this folder or the dormancy sample's; the
 // comment at the top of NoxFdMgr.h says what to keep. Everything runs on the daemon's
 // loop thread.
 
 #include <list>
-#include <set>
+#include <map>
 #include <string>
 
 #include "Nox.h"
@@ -41,15 +58,39 @@
 class NoxCtMgr {
  public:
   explicit NoxCtMgr(Nox& nox);
-  // Withdraws the subscriptions; filters stay as they are on the modem.
+  // Withdraws the subscriptions and timers; filters stay as they are on the modem.
   ~NoxCtMgr();
   NoxCtMgr(const NoxCtMgr&) = delete;
   NoxCtMgr& operator=(const NoxCtMgr&) = delete;
 
+  // Writes what the policy wants and what the modem has, per interface and family.
+  void dump() const;
+
  private:
+  enum class Known { kUnknown, kNo, kYes };
+  struct Family {
+    int family;           // 4 or 6
+    uint64_t client = 0;  // the client whose answers taught what follows
+    Known rules = Known::kUnknown;  // the allow list is installed
+    Known mode = Known::kUnknown;   // filter mode is on
+    bool onByUs = false;  // switched on by us and not seen off since
+  };
+  struct Port {
+    NoxCtMgr* mgr;
+    std::string iface;
+    Family v4{4};
+    Family v6{6};
+    bool followed = false;
+    int retries = 0;        // failed reconciles in a row
+    int retryTimer = -1;
+    long long reenterAt = 0;  // boot-clock ms before which the mode stays off (auto-exit)
+    int reenterTimer = -1;
+  };
+
   static void onDsmEvent(NoxDsmEvent event, const void* data, void* self);
   static void onFilteringChange(NoxTovDfsEventType event, const void* info, void* self);
-  static int onReenter(void* self);
+  static int onRetry(void* port);
+  static int onReenter(void* port);
 
   void readSettings();
   // Parses an allow list into filters of `family` (2 or 10); false if an entry was bad.
@@ -57,18 +98,24 @@ class NoxCtMgr {
                       std::list<NoxConnTrackFilter_s>& out);
   // Screen off and tethering off.
   bool filtering() const;
-  void install(const std::string& iface);
-  void uninstall(const std::string& iface);
-  void follow(const std::string& iface);
+  bool connected(const std::string& iface) const;
+  bool wantsOn(const Family& f) const;
+  const std::list<NoxConnTrackFilter_s>& allowList(const Family& f) const;
+  Port& port(const std::string& iface);
+  void follow(Port& p);
+  // Brings the port's families to what the policy wants; schedules a retry when a
+  // request failed.
+  void reconcile(Port& p);
+  // One family; false when a request failed.
+  bool reconcile(Port& p, Family& f);
+  void cancelTimers(Port& p);
 
   Nox& nox_;
   std::list<NoxConnTrackFilter_s> v4Filters_;
   std::list<NoxConnTrackFilter_s> v6Filters_;
-  std::set<std::string> followed_;
-  std::set<std::string> installed_;
-  std::set<std::string> exited_;  // installed, but their filter mode went off by itself
+  std::map<std::string, Port> ports_;
   long long reenterMs_ = 3000;
-  int timerId_ = -1;  // the filter mode goes back on on the exited interfaces
+  long long retryMs_ = 1000;
 };
 
 #endif  // NOX_CTMGR_H

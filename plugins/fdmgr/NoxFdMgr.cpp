@@ -9,7 +9,8 @@
 namespace {
 
 const char kDefaultConfig[] = "/system/vendor/etc/noxfdmgr.conf";
-enum Tag { kGracePeriod, kActiveGrace };
+enum Tag { kGracePeriod, kActiveGrace, kRetry };
+constexpr int kMaxRetries = 6;
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
@@ -50,27 +51,30 @@ extern "C" void init_fd_mgr(Nox* nox) { gInstance.reset(new NoxFdMgr(*nox)); }
 NoxFdMgr::NoxFdMgr(Nox& nox) : nox_(nox) {
   readSettings();
   for (NoxDsmEvent e : kEvents) nox_.dsm.dispatcher.regEventCallback(e, onDsmEvent, this);
-  // Interfaces connected before the plug-in was loaded.
-  for (const auto& entry : nox_.dsm.getAllWwanInfo())
-    if (entry.second.state == NOX_NW_STATE_CONNECTED) follow(entry.first);
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR,
           "dormancy policy ready: dormant %lld ms after screen off, %lld ms after traffic",
           graceMs_, activeGraceMs_);
+  // Interfaces connected before the plug-in was loaded.
+  for (const auto& entry : nox_.dsm.getAllWwanInfo())
+    if (entry.second.state == NOX_NW_STATE_CONNECTED) port(entry.first);
   decide();
 }
 
 NoxFdMgr::~NoxFdMgr() {
-  if (timerId_ != -1) nox_.timer.removeTimedCallback(timerId_);
   for (NoxDsmEvent e : kEvents) nox_.dsm.dispatcher.deregEventCallback(e, onDsmEvent, this);
-  for (const std::string& iface : followed_)
-    nox_.tov.deRegDormancyStatusChgEvent(iface, onDormancyChange, this);
+  for (auto& entry : ports_) {
+    cancel(entry.second);
+    if (entry.second.followed)
+      nox_.tov.deRegDormancyStatusChgEvent(entry.first, onDormancyChange, this);
+  }
 }
 
 void NoxFdMgr::readSettings() {
   const char* path = getenv("NOX_FDMGR_CONFIG");
   NoxConfigParseControl control;
   control.fileName = path != nullptr && *path != '\0' ? path : kDefaultConfig;
-  control.tags = {{"grace_period_ms", kGracePeriod}, {"active_grace_ms", kActiveGrace}};
+  control.tags = {
+      {"grace_period_ms", kGracePeriod}, {"active_grace_ms", kActiveGrace}, {"retry_ms", kRetry}};
   std::map<int, std::string> values;
   if (nox_.config.parseConfigFile(control, values) != NOX_RET_OK) {
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "no settings in %s, using the defaults",
@@ -79,56 +83,110 @@ void NoxFdMgr::readSettings() {
   }
   readMs(control.fileName, values, kGracePeriod, "grace_period_ms", graceMs_);
   readMs(control.fileName, values, kActiveGrace, "active_grace_ms", activeGraceMs_);
-}
-
-void NoxFdMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
-  NoxFdMgr* mgr = static_cast<NoxFdMgr*>(self);
-  if (event == NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT) {
-    const auto* info = static_cast<const _NoxDsmWwanIfaceInfoType*>(data);
-    // The framework's own handler ran first, so the interface's port tracker exists
-    // and the subscription is stored.
-    if (info->status == NOX_NW_STATE_CONNECTED)
-      mgr->follow(std::string(info->ifaceName, strnlen(info->ifaceName, sizeof(info->ifaceName))));
-    return;
-  }
-  mgr->decide();
+  readMs(control.fileName, values, kRetry, "retry_ms", retryMs_);
 }
 
 bool NoxFdMgr::screenAndTetheringOff() const {
   return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
 }
 
-void NoxFdMgr::decide() {
-  if (screenAndTetheringOff()) {
-    if (timerId_ != -1) return;
-    timerId_ = nox_.timer.addTimedCallback(graceMs_, onGraceOver, this);
-    afterTraffic_ = false;
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off, tethering off: dormant in %lld ms", graceMs_);
-  } else if (timerId_ != -1) {
-    nox_.timer.removeTimedCallback(timerId_);
-    timerId_ = -1;
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen or tethering on: dormancy request cancelled");
+bool NoxFdMgr::connected(const std::string& iface) const {
+  const NoxDsmWwanIfaceMap all = nox_.dsm.getAllWwanInfo();
+  const auto it = all.find(iface);
+  return it != all.end() && it->second.state == NOX_NW_STATE_CONNECTED;
+}
+
+NoxFdMgr::Port& NoxFdMgr::port(const std::string& iface) {
+  Port& p = ports_.emplace(iface, Port{this, iface}).first->second;
+  follow(p);
+  return p;
+}
+
+void NoxFdMgr::follow(Port& p) {
+  // A registration that has to create the port tracker is counted but not stored: only
+  // subscribe once the framework has the interface's tracker, else at its next connect.
+  if (p.followed || nox_.tov.wdsPortTrackers().count(p.iface) == 0) return;
+  if (nox_.tov.regDormancyStatusChgEvent(p.iface, onDormancyChange, this) != 0) return;
+  p.followed = true;
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "following the dormancy of %s", p.iface.c_str());
+}
+
+void NoxFdMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
+  NoxFdMgr* mgr = static_cast<NoxFdMgr*>(self);
+  if (event != NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT) {
+    mgr->decide();
+    return;
+  }
+  const auto* info = static_cast<const _NoxDsmWwanIfaceInfoType*>(data);
+  Port& p = mgr->port(std::string(info->ifaceName, strnlen(info->ifaceName, sizeof(info->ifaceName))));
+  if (info->status != NOX_NW_STATE_CONNECTED) {
+    mgr->cancel(p);
+  } else if (p.timerId == -1 && mgr->screenAndTetheringOff()) {
+    // A link that connects with the screen off is as active as one that traffic woke.
+    mgr->arm(p, mgr->activeGraceMs_, true);
   }
 }
 
-int NoxFdMgr::onGraceOver(void* self) {
-  NoxFdMgr* mgr = static_cast<NoxFdMgr*>(self);
-  mgr->timerId_ = -1;
-  if (mgr->afterTraffic_)
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "active for %lld ms: asking the modem to go dormant again",
-            mgr->activeGraceMs_);
-  else
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off for %lld ms: asking the modem to go dormant",
-            mgr->graceMs_);
-  mgr->nox_.tov.goDormant();
-  return -1;
+void NoxFdMgr::decide() {
+  const bool off = screenAndTetheringOff();
+  for (const auto& entry : nox_.dsm.getAllWwanInfo())
+    if (entry.second.state == NOX_NW_STATE_CONNECTED) port(entry.first);
+  for (auto& entry : ports_) {
+    Port& p = entry.second;
+    if (!off) {
+      if (p.timerId != -1)
+        NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen or tethering on: dormancy request for %s "
+                "cancelled", p.iface.c_str());
+      cancel(p);
+    } else if (p.timerId == -1 && connected(p.iface)) {
+      arm(p, graceMs_, false);
+    }
+  }
 }
 
-void NoxFdMgr::follow(const std::string& iface) {
-  if (followed_.count(iface) != 0) return;
-  if (nox_.tov.regDormancyStatusChgEvent(iface, onDormancyChange, this) != 0) return;
-  followed_.insert(iface);
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "following the dormancy of %s", iface.c_str());
+void NoxFdMgr::arm(Port& p, long long delayMs, bool afterTraffic) {
+  cancel(p);
+  p.timerId = nox_.timer.addTimedCallback(delayMs, onGraceOver, &p);
+  p.afterTraffic = afterTraffic;
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off, tethering off: %s dormant %sin %lld ms",
+          p.iface.c_str(), afterTraffic ? "again " : "", delayMs);
+}
+
+void NoxFdMgr::cancel(Port& p) {
+  if (p.timerId != -1) nox_.timer.removeTimedCallback(p.timerId);
+  p.timerId = -1;
+  p.retries = 0;
+}
+
+int NoxFdMgr::onGraceOver(void* data) {
+  Port& p = *static_cast<Port*>(data);
+  NoxFdMgr* mgr = p.mgr;
+  p.timerId = -1;
+  if (!mgr->screenAndTetheringOff() || !mgr->connected(p.iface)) return -1;
+  if (p.retries > 0)
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s: asking the modem to go dormant again (try %d)",
+            p.iface.c_str(), p.retries + 1);
+  else if (p.afterTraffic)
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s active for %lld ms: asking the modem to go dormant "
+            "again", p.iface.c_str(), mgr->activeGraceMs_);
+  else
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off for %lld ms: asking the modem to take %s "
+            "dormant", mgr->graceMs_, p.iface.c_str());
+  if (mgr->nox_.tov.goDormant(p.iface) == 0) {
+    p.retries = 0;
+    return -1;
+  }
+  if (p.retries == kMaxRetries) {
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_FDMGR, "%s: the modem refused to go dormant %d times: the link "
+            "stays active until the next event", p.iface.c_str(), kMaxRetries + 1);
+    p.retries = 0;
+    return -1;
+  }
+  const long long delay = mgr->retryMs_ << p.retries++;
+  NOX_LOG(NOX_LOG_WARN, NOX_MOD_FDMGR, "%s: the modem refused to go dormant, the link is active; "
+          "retry in %lld ms", p.iface.c_str(), delay);
+  p.timerId = mgr->nox_.timer.addTimedCallback(delay, onGraceOver, &p);
+  return -1;
 }
 
 void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self) {
@@ -136,11 +194,11 @@ void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self
   const auto* info = static_cast<const NoxTovStatusChgInfo*>(data);
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s is now %s", info->iface.c_str(),
           dormancyText(info->status));
+  const auto it = mgr->ports_.find(info->iface);
+  if (it == mgr->ports_.end()) return;
+  Port& p = it->second;
   // Traffic woke the link while nobody looks: it gets a short grace, not the network's
   // inactivity timer. A pending request keeps its own time.
-  if (info->status != 1 || mgr->timerId_ != -1 || !mgr->screenAndTetheringOff()) return;
-  mgr->timerId_ = mgr->nox_.timer.addTimedCallback(mgr->activeGraceMs_, onGraceOver, mgr);
-  mgr->afterTraffic_ = true;
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off, tethering off: dormant again in %lld ms",
-          mgr->activeGraceMs_);
+  if (info->status != 1 || p.timerId != -1 || !mgr->screenAndTetheringOff()) return;
+  mgr->arm(p, mgr->activeGraceMs_, true);
 }

@@ -3,22 +3,30 @@
 
 // The dormancy sample plug-in (descriptor-manager slot, libnoxfdmgr.so, entry
 // "init_fd_mgr"): once the screen has been off for a grace period while tethering is
-// off, it asks the modem to release the data link (go dormant) on every interface, so
+// off, it asks the modem to release the data link (go dormant) on each interface, so
 // the radio does not burn its tail energy waiting for the network's inactivity timer.
-// While they stay off, traffic that wakes a link again gets a shorter grace before the
-// next request. Screen on or tethering on cancels a pending request. It follows the
-// dormancy of the interfaces it has seen connected and logs every change ("FDMGR").
+// While they stay off, traffic that wakes a link again, and a link that connects, gets
+// a shorter grace before the next request. Screen on or tethering on cancels pending
+// requests. It follows the dormancy of every interface that connects, also after its
+// start, and logs every change ("FDMGR").
 //
-// Screen and tethering values: the framework stores the inverse of the integer its
-// client sends. This sample assumes the client sends 1 for on and 0 for off, so a
-// stored 0 is on and a stored 1 is off, which matches the framework's start values
-// (screen on, tethering off).
+// How it decides, and what to keep when you copy it: per interface it acts on what the
+// modem reports (the dormancy status callbacks), not on what it last asked for. The
+// subscription is made once the framework has the interface's port tracker (a
+// subscription made before is not stored), so a link that connects later is followed
+// too. A refused request is retried after retry_ms, doubling, six times; then the link
+// is left active (the safe state) with a warning, until the next event.
+//
+// Screen and tethering values: see NoxDsm.h for the stored values; this sample takes a
+// stored 1 as "off" for both, which matches the framework's start values (screen on,
+// tethering off).
 //
 // Settings, in a tagged file (default /system/vendor/etc/noxfdmgr.conf, on the host
 // $NOX_FDMGR_CONFIG):
 //   grace_period_ms:5000   how long the screen stays off before the request
 //   active_grace_ms:3000   how long a link woken by traffic, screen off, stays active
 //                          before the request again
+//   retry_ms:1000          first delay before a refused request is tried again
 // A missing file gives the defaults; a bad value is logged and the default kept.
 //
 // To start a plug-in of your own, copy this folder, rename the class and the entry,
@@ -26,7 +34,7 @@
 // dispatchers, and a static owner that takes everything back when the plug-in is
 // unloaded. Everything runs on the daemon's loop thread.
 
-#include <set>
+#include <map>
 #include <string>
 
 #include "Nox.h"
@@ -40,22 +48,35 @@ class NoxFdMgr {
   NoxFdMgr& operator=(const NoxFdMgr&) = delete;
 
  private:
+  struct Port {
+    NoxFdMgr* mgr;
+    std::string iface;
+    bool followed = false;
+    int timerId = -1;  // the next dormancy request
+    bool afterTraffic = false;  // that request is the short one
+    int retries = 0;  // refused requests in a row
+  };
+
   static void onDsmEvent(NoxDsmEvent event, const void* data, void* self);
-  static int onGraceOver(void* self);
+  static int onGraceOver(void* port);
   static void onDormancyChange(NoxTovWdsEventType event, const void* info, void* self);
 
   void readSettings();
-  // Arms the request when the screen is off and tethering is off, cancels it otherwise.
+  // Arms each connected interface's request when the screen and tethering are off,
+  // cancels them otherwise.
   void decide();
-  void follow(const std::string& iface);
+  Port& port(const std::string& iface);
+  void follow(Port& p);
+  void arm(Port& p, long long delayMs, bool afterTraffic);
+  void cancel(Port& p);
   bool screenAndTetheringOff() const;
+  bool connected(const std::string& iface) const;
 
   Nox& nox_;
   long long graceMs_ = 5000;
   long long activeGraceMs_ = 3000;
-  int timerId_ = -1;
-  bool afterTraffic_ = false;  // the pending request is the short one, after traffic
-  std::set<std::string> followed_;
+  long long retryMs_ = 1000;
+  std::map<std::string, Port> ports_;
 };
 
 #endif  // NOX_FDMGR_H

@@ -48,6 +48,8 @@ class NoxDfsTracker {
 
   int startTovDfs(tov_ip_family_pref_type family);
   int stopTovDfs();
+  // Whether the constructor's start succeeded (bound, auto-exit on).
+  bool started() const { return mStarted; }
   int setDfsFilterMode(bool on);
   int setDfsAutoExitFilterMode(bool on);
   int removeAllDfsFilters();
@@ -76,12 +78,18 @@ class NoxDfsTracker {
   // Set by the creator right after construction.
   IndCb mIndCb;
   void* mIndCbData;
+  // Tells this client apart from every other one of the process, also from one created
+  // later at the same address: what a policy installed through another client is unknown.
+  const uint64_t serial;
 
   static std::set<NoxDfsTracker*> activeTrackers;
   // Shared by every client start, zeroed before each.
   static tov_client_os_params nox_os_params;
 
  private:
+  static uint64_t nextSerial;
+  bool mStarted = false;
+
   // Sends one request and checks its transport and result; `what` names the method
   // in the failure lines.
   template <typename Resp>

@@ -65,6 +65,19 @@ class NoxTov {
                     const std::list<NoxConnTrackFilter_s>& v6Filters);
   int clearAllDfsFilters(std::string iface);
 
+  // One IP family's power-save filters, for policies that bring each family to its own
+  // state (`family` 4 or 6). 1 on success; -1 on failure, or when the interface has no
+  // started DFS client of that family.
+  int setFamilyFilterMode(const std::string& iface, int family, bool on);
+  int getFamilyFilterMode(const std::string& iface, int family, bool& on);
+  int addFamilyFilters(const std::string& iface, int family,
+                    const std::list<NoxConnTrackFilter_s>& filters);
+  int clearFamilyFilters(const std::string& iface, int family);
+  // The family's DFS client: 0 while there is no started one, else a number that
+  // changes whenever a client is created anew. The modem keeps filters and mode across
+  // clients, so a new number means that what the port has is unknown again.
+  uint64_t dfsClientId(const std::string& iface, int family) const;
+
   // Interface changes from the data state manager; `cbData` is the NoxTov.
   static void dsmEventHandler(NoxDsmEvent event, const void* data, void* cbData);
   void processDsmEvent(NoxDsmEvent event, const void* data);
@@ -72,6 +85,10 @@ class NoxTov {
   void handleDfsWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info);
   // The interfaces already connected, as connect events.
   void handleWwanIfStatus();
+
+  // How long one data-state event may keep the loop on client starts before the rest
+  // waits for a later pass (a slow modem must not hold other clients, netlink and timers).
+  static const long long kConnectBudgetMs = 1500;
 
   // The library's system-event callback (library thread); it only logs.
   static void noxTovSysEventHdlr(tov_sys_event_type event, const tov_sys_event_info_type* info,
@@ -100,6 +117,25 @@ class NoxTov {
   bool addWdsTracker(WdsPortTracker& port, std::unique_ptr<NoxWdsTracker>& slot,
                      tov_ip_family_pref_type family);
   DfsPortTracker* findDfs(const std::string& iface);
+  NoxDfsTracker* findDfs(const std::string& iface, int family) const;
+  // Whether a client may still be started during this event (the budget is not spent
+  // and no start has failed); marks the interface for a retry when not.
+  bool mayStart(const std::string& iface);
+  // Starts are tried again later: at once for a spent budget, with a growing delay
+  // for a failure, up to kMaxStartRetries times.
+  void retryLater(const std::string& iface, bool failed);
+  static int onRetry(void* retry);
+
+  struct Retry {
+    NoxTov* tov;
+    std::string iface;
+    int attempts = 0;  // failed ones, in a row
+    int timerId = -1;
+    bool askedInPass = false;  // asked for again during the current event
+  };
+  std::map<std::string, std::unique_ptr<Retry>> mRetries;
+  long long mPassDeadline = 0;  // monotonic ms; 0 outside a data-state event
+  bool mPassFailed = false;
 
   WdsPortTrackers mWdsPortTrackers;
   DfsPortTrackers mDfsPortTrackers;

@@ -34,6 +34,8 @@ class NoxWdsTracker {
 
   bool startTovWds(tov_ip_family_pref_type family);
   bool stopTovWds();
+  // Whether the constructor's start succeeded (a client bound to its family).
+  bool started() const { return mStarted; }
   // Switches the dormancy report; once the modem has it on, it stays on while the
   // client lives, whatever `enable` says.
   void setDormancyEventReport(bool enable);
@@ -61,6 +63,9 @@ class NoxWdsTracker {
 
   // Every live tracker; an indication whose tracker is no longer here is dropped.
   static std::set<NoxWdsTracker*> activeTrackers;
+
+ private:
+  bool mStarted = false;
 };
 
 #endif  // NOX_WDS_TRACKER_H

@@ -11,6 +11,7 @@
 
 std::set<NoxDfsTracker*> NoxDfsTracker::activeTrackers;
 tov_client_os_params NoxDfsTracker::nox_os_params;
+uint64_t NoxDfsTracker::nextSerial = 1;
 
 namespace {
 
@@ -60,7 +61,7 @@ void setPorts(const NoxConnTrackFilter_s& filter, dfs_port_info_type_v01& info) 
 
 NoxDfsTracker::NoxDfsTracker(const char* name, tov_ip_family_pref_type ipFamily, NoxCom& com)
     : mClientHandle(nullptr), mCom(com), mFilterIndReg(false), mIndCb(nullptr),
-      mIndCbData(nullptr) {
+      mIndCbData(nullptr), serial(nextSerial++) {
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_TOV, "%s:%d",
           "NoxDfsTracker::NoxDfsTracker(const char*, tov_ip_family_pref_type, NoxCom&)", 69);
   activeTrackers.insert(this);
@@ -71,7 +72,7 @@ NoxDfsTracker::NoxDfsTracker(const char* name, tov_ip_family_pref_type ipFamily,
   }
   // Interface names are at most 15 characters: the terminator always fits.
   memcpy(connId.get(), name, strnlen(name, kPortSize - 1));
-  startTovDfs(ipFamily);
+  mStarted = startTovDfs(ipFamily) == 1;
 }
 
 NoxDfsTracker::~NoxDfsTracker() {

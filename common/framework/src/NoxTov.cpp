@@ -5,6 +5,7 @@
 #include <new>
 
 #include "NoxLog.h"
+#include "NoxTimer.h"
 
 int NoxTov::mTovHandle = -1;
 unsigned int (*NoxTov::sleepSeconds)(unsigned int) = ::sleep;
@@ -22,6 +23,8 @@ NoxTov::NoxTov(NoxDsm& dsm, NoxCom& com, NoxTimer& timer, NoxConfig& config)
 
 NoxTov::~NoxTov() {
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_TOV, "NoxTov D-Xtor");
+  for (const auto& retry : mRetries)
+    if (retry.second->timerId != -1) mTimer.removeTimedCallback(retry.second->timerId);
   for (auto& entry : mWdsPortTrackers) entry.second.reset();
   for (auto& entry : mDfsPortTrackers) entry.second.reset();
   mWdsPortTrackers.clear();
@@ -213,4 +216,40 @@ int NoxTov::clearAllDfsFilters(std::string iface) {
   int result = tracker->v4Tracker ? tracker->v4Tracker->removeAllDfsFilters() : -1;
   if (tracker->v6Tracker) result = tracker->v6Tracker->removeAllDfsFilters();
   return result;
+}
+
+NoxDfsTracker* NoxTov::findDfs(const std::string& iface, int family) const {
+  const auto it = mDfsPortTrackers.find(iface);
+  if (it == mDfsPortTrackers.end() || !it->second) return nullptr;
+  const DfsPortTracker& port = *it->second;
+  NoxDfsTracker* tracker = family == TOV_IP_FAMILY_PREF_IPV4   ? port.v4Tracker.get()
+                           : family == TOV_IP_FAMILY_PREF_IPV6 ? port.v6Tracker.get()
+                                                               : nullptr;
+  return tracker != nullptr && tracker->started() ? tracker : nullptr;
+}
+
+int NoxTov::setFamilyFilterMode(const std::string& iface, int family, bool on) {
+  NoxDfsTracker* tracker = findDfs(iface, family);
+  return tracker != nullptr ? tracker->setDfsFilterMode(on) : -1;
+}
+
+int NoxTov::getFamilyFilterMode(const std::string& iface, int family, bool& on) {
+  NoxDfsTracker* tracker = findDfs(iface, family);
+  return tracker != nullptr ? tracker->getDfsFilterMode(on) : -1;
+}
+
+int NoxTov::addFamilyFilters(const std::string& iface, int family,
+                          const std::list<NoxConnTrackFilter_s>& filters) {
+  NoxDfsTracker* tracker = findDfs(iface, family);
+  return tracker != nullptr ? tracker->addDfsFilters(filters) : -1;
+}
+
+int NoxTov::clearFamilyFilters(const std::string& iface, int family) {
+  NoxDfsTracker* tracker = findDfs(iface, family);
+  return tracker != nullptr ? tracker->removeAllDfsFilters() : -1;
+}
+
+uint64_t NoxTov::dfsClientId(const std::string& iface, int family) const {
+  const NoxDfsTracker* tracker = findDfs(iface, family);
+  return tracker != nullptr ? tracker->serial : 0;
 }

@@ -1,17 +1,30 @@
 // Interface changes from the data state manager: the per-family modem trackers follow
 // the mobile-data interfaces and their addresses.
 
+#include <time.h>
+
 #include <cstring>
 #include <new>
 
 #include "NoxConfig.h"
 #include "NoxDsmText.h"
 #include "NoxLog.h"
+#include "NoxTimer.h"
 #include "NoxTov.h"
 
 namespace {
 
 bool present(const char* text) { return text[0] != '\0'; }
+
+long long monotonicMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+}
+
+// Seconds before start retries 1 to kMaxStartRetries of an interface.
+constexpr int kStartRetryDelaysMs[] = {1000, 2000, 4000, 8000, 16000, 30000};
+constexpr int kMaxStartRetries = sizeof(kStartRetryDelaysMs) / sizeof(kStartRetryDelaysMs[0]);
 
 }  // namespace
 
@@ -31,8 +44,59 @@ void NoxTov::processDsmEvent(NoxDsmEvent event, const void* data) {
     return;
   }
   const _NoxDsmWwanIfaceInfoType* info = static_cast<const _NoxDsmWwanIfaceInfoType*>(data);
+  const std::string name = NoxDsmText::ifaceKey(info->ifaceName);
+  const auto earlier = mRetries.find(name);
+  if (earlier != mRetries.end()) earlier->second->askedInPass = false;
+  mPassDeadline = monotonicMs() + kConnectBudgetMs;
+  mPassFailed = false;
   handleWwanIfChangeEvent(info);
   if (mConfig.isEnabled(NOX_FEATURE_CTMGR)) handleDfsWwanIfChangeEvent(info);
+  mPassDeadline = 0;
+  const auto retry = mRetries.find(name);
+  if (retry == mRetries.end() || retry->second->askedInPass) return;
+  // Everything this event asked for is started, or the interface is gone.
+  if (retry->second->attempts > 0 && info->status == NOX_NW_STATE_CONNECTED)
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_TOV, "modem clients of %s started", name.c_str());
+  if (retry->second->timerId != -1) mTimer.removeTimedCallback(retry->second->timerId);
+  mRetries.erase(retry);
+}
+
+bool NoxTov::mayStart(const std::string& iface) {
+  if (mPassDeadline == 0) return true;  // not within a data-state event: no budget
+  if (!mPassFailed && monotonicMs() < mPassDeadline) return true;
+  retryLater(iface, mPassFailed);
+  return false;
+}
+
+void NoxTov::retryLater(const std::string& iface, bool failed) {
+  std::unique_ptr<Retry>& slot = mRetries[iface];
+  if (!slot) slot.reset(new Retry{this, iface});
+  Retry& retry = *slot;
+  retry.askedInPass = true;
+  if (retry.timerId != -1) return;
+  long long delayMs = 0;  // a spent budget: right after the other events waiting
+  if (failed) {
+    if (retry.attempts == kMaxStartRetries) {
+      NOX_LOG(NOX_LOG_WARN, NOX_MOD_TOV,
+              "modem clients of %s could not be started %d times: waiting for its next connect",
+              iface.c_str(), kMaxStartRetries + 1);
+      mRetries.erase(iface);
+      return;
+    }
+    delayMs = kStartRetryDelaysMs[retry.attempts++];
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_TOV, "modem clients of %s not started: retry in %lld ms",
+            iface.c_str(), delayMs);
+  }
+  retry.timerId = mTimer.addTimedCallback(delayMs, onRetry, &retry);
+}
+
+int NoxTov::onRetry(void* data) {
+  Retry* retry = static_cast<Retry*>(data);
+  retry->timerId = -1;
+  // As a connect event, so that the policies bring the new clients to their state too.
+  // The event may end the retry: nothing of it is used afterwards.
+  retry->tov->mDsm.dispatchWwanEvent(retry->iface.c_str());
+  return -1;
 }
 
 void NoxTov::handleWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
@@ -56,7 +120,12 @@ void NoxTov::handleWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
     return;
   }
   if (port == nullptr) {
-    if (!initTovCtrlChannel(name.c_str())) return;
+    if (!mayStart(name)) return;
+    if (!initTovCtrlChannel(name.c_str())) {
+      mPassFailed = true;
+      retryLater(name, true);
+      return;
+    }
     std::unique_ptr<WdsPortTracker> created(new (std::nothrow) WdsPortTracker(name));
     if (!created) return;
     port = created.get();
@@ -65,13 +134,13 @@ void NoxTov::handleWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
   // Deliberate: a new IPv4 tracker is followed by a status update, a new IPv6 one not.
   if (!present(info->ipAddr)) {
     port->v4Tracker.reset();
-  } else if (!port->v4Tracker && addWdsTracker(*port, port->v4Tracker, TOV_IP_FAMILY_PREF_IPV4)) {
+  } else if (addWdsTracker(*port, port->v4Tracker, TOV_IP_FAMILY_PREF_IPV4)) {
     port->updateDormancyStatus();
     port->checkDormRegNeeded();
   }
   if (!present(info->ipAddrV6)) {
     port->v6Tracker.reset();
-  } else if (!port->v6Tracker && addWdsTracker(*port, port->v6Tracker, TOV_IP_FAMILY_PREF_IPV6)) {
+  } else if (addWdsTracker(*port, port->v6Tracker, TOV_IP_FAMILY_PREF_IPV6)) {
     port->checkDormRegNeeded();
   }
   port->updateDormancyStatus();
@@ -79,10 +148,17 @@ void NoxTov::handleWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
 
 bool NoxTov::addWdsTracker(WdsPortTracker& port, std::unique_ptr<NoxWdsTracker>& slot,
                            tov_ip_family_pref_type family) {
+  // A client that did not start is started anew; one that did is kept.
+  if (slot && slot->started()) return false;
+  if (!mayStart(port.iface)) return false;
   slot.reset(new (std::nothrow) NoxWdsTracker(port.iface.c_str(), family, mCom));
   if (!slot) return false;
   slot->mIndCb = WdsPortTracker::dormIndHdlr;
   slot->mIndCbData = &port;
+  if (!slot->started()) {
+    mPassFailed = true;
+    retryLater(port.iface, true);
+  }
   return true;
 }
 
@@ -126,7 +202,8 @@ void NoxTov::handleDfsWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
       f.tracker.reset();
       continue;
     }
-    if (f.tracker) continue;
+    // A client that did not start is started anew; one that did is kept.
+    if ((f.tracker && f.tracker->started()) || !mayStart(name)) continue;
     f.tracker.reset(new (std::nothrow) NoxDfsTracker(name.c_str(), f.pref, mCom));
     if (!f.tracker) {
       NOX_LOG(NOX_LOG_ERROR, NOX_MOD_TOV, "%s", f.nullText);
@@ -134,6 +211,10 @@ void NoxTov::handleDfsWwanIfChangeEvent(const _NoxDsmWwanIfaceInfoType* info) {
     }
     f.tracker->mIndCb = DfsPortTracker::dfsFilteringIndHdlr;
     f.tracker->mIndCbData = port;
+    if (!f.tracker->started()) {
+      mPassFailed = true;
+      retryLater(name, true);
+    }
     port->checkFilterRegNeeded();
   }
   port->updateFilterStatus();

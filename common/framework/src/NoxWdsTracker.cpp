@@ -35,7 +35,7 @@ NoxWdsTracker::NoxWdsTracker(const char* devId, tov_ip_family_pref_type ipType, 
   }
   // Interface names are at most 15 characters: the terminator always fits.
   memcpy(mTovPort.get(), devId, strnlen(devId, kPortSize - 1));
-  startTovWds(ipType);
+  mStarted = startTovWds(ipType);
 }
 
 NoxWdsTracker::~NoxWdsTracker() {
