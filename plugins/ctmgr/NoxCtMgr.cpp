@@ -190,7 +190,11 @@ void NoxCtMgr::onFilteringChange(NoxTovDfsEventType, const void* data, void* sel
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "filtering on %s is now %s", info->iface.c_str(),
           filteringText(info->status));
   const auto it = mgr->ports_.find(info->iface);
-  if (it != mgr->ports_.end()) mgr->reconcile(it->second);
+  if (it == mgr->ports_.end()) return;
+  if (it->second.reconciling)
+    it->second.again = true;
+  else
+    mgr->reconcile(it->second);
 }
 
 void NoxCtMgr::reconcile(Port& p) {
@@ -202,8 +206,15 @@ void NoxCtMgr::reconcile(Port& p) {
   auto on = [](const Family& f) { return f.mode == Known::kYes; };
   const bool v4Was = on(p.v4), v6Was = on(p.v6);
   const bool installedBefore = p.v4.rules == Known::kYes || p.v6.rules == Known::kYes;
-  bool ok = reconcile(p, p.v4);
-  ok = reconcile(p, p.v6) && ok;
+  bool ok = true;
+  p.reconciling = true;
+  // A change seen during a pass (the modem's auto-exit) is looked at by one more pass.
+  for (int pass = 0; pass < 3 && (pass == 0 || p.again); ++pass) {
+    p.again = false;
+    ok = reconcile(p, p.v4);
+    ok = reconcile(p, p.v6) && ok;
+  }
+  p.reconciling = false;
   if ((on(p.v4) && !v4Was) || (on(p.v6) && !v6Was)) {
     if (installedBefore)
       NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "%s: filter mode on again after uplink traffic",

@@ -85,6 +85,8 @@ class NoxCtMgr {
     int retryTimer = -1;
     long long reenterAt = 0;  // boot-clock ms before which the mode stays off (auto-exit)
     int reenterTimer = -1;
+    bool reconciling = false;  // a status callback from within reconcile() waits for it
+    bool again = false;        // and has it run once more
   };
 
   static void onDsmEvent(NoxDsmEvent event, const void* data, void* self);

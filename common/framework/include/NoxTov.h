@@ -67,7 +67,8 @@ class NoxTov {
 
   // One IP family's power-save filters, for policies that bring each family to its own
   // state (`family` 4 or 6). 1 on success; -1 on failure, or when the interface has no
-  // started DFS client of that family.
+  // started DFS client of that family. Setting the mode reads the filtering status
+  // back at once and tells its subscribers, from within the call, when it changed.
   int setFamilyFilterMode(const std::string& iface, int family, bool on);
   int getFamilyFilterMode(const std::string& iface, int family, bool& on);
   int addFamilyFilters(const std::string& iface, int family,

@@ -230,7 +230,12 @@ NoxDfsTracker* NoxTov::findDfs(const std::string& iface, int family) const {
 
 int NoxTov::setFamilyFilterMode(const std::string& iface, int family, bool on) {
   NoxDfsTracker* tracker = findDfs(iface, family);
-  return tracker != nullptr ? tracker->setDfsFilterMode(on) : -1;
+  if (tracker == nullptr) return -1;
+  const int rc = tracker->setDfsFilterMode(on);
+  // The modem's indication of this change may come after a later one (auto-exit) and
+  // find the status it had before: the subscribers learn it now.
+  findDfs(iface)->updateFilterStatus();
+  return rc;
 }
 
 int NoxTov::getFamilyFilterMode(const std::string& iface, int family, bool& on) {
