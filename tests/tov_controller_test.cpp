@@ -264,4 +264,38 @@ TEST_F(TovTest, OperationsOnAnInterfaceAndItsFamilies) {
             requests());
 }
 
+TEST_F(TovTest, ASlowModemHoldsTheLoopForOneClientStartAtATime) {
+  start("3");
+  sim_.cli({"delay", "300"});
+  // What the modem has when a timer due in 50 ms gets to run.
+  struct Probe {
+    std::function<Lines()> look;
+    Lines seen;
+    bool ran;
+  } probe{[this] { return clients(); }, {}, false};
+  nox_->timer.addTimedCallback(
+      50,
+      [](void* p) {
+        Probe* probe = static_cast<Probe*>(p);
+        probe->seen = probe->look(), probe->ran = true;
+        return -1;
+      },
+      &probe);
+  NoxWwanInfoType w = {};
+  w.status = NOX_NW_STATE_CONNECTED;
+  snprintf(w.ifaceV4, sizeof(w.ifaceV4), "lo");
+  snprintf(w.ipV4, sizeof(w.ipV4), "10.0.0.5");
+  snprintf(w.ifaceV6, sizeof(w.ifaceV6), "lo");
+  snprintf(w.ipV6, sizeof(w.ipV6), "2001:db8::5");
+  // Twelve requests of at least 300 ms each: more than one event's budget.
+  nox_->dispatcher.dispatchEvent(NOX_S_NOTIFY_WWAN_STATE_CHG, &w);
+  const Lines all = {"wds v4", "wds v6", "dfs v4", "dfs v6"};
+  for (int i = 0; i < 300 && (!probe.ran || clients() != all); ++i)
+    nox_->com.processEvents(100, nox_->timer);
+  EXPECT_TRUE(probe.ran);
+  EXPECT_NE(all, probe.seen) << "the timer waited for every client start";
+  EXPECT_EQ(all, clients());
+  sim_.cli({"delay", "0"});
+}
+
 }  // namespace

@@ -75,6 +75,11 @@ NoxCtMgr::~NoxCtMgr() {
     cancelTimers(entry.second);
     if (entry.second.followed)
       nox_.tov.deRegFilteringStatusChgEvent(entry.first, onFilteringChange, this);
+    // Nobody would switch the filters off at screen on: leave the safe state.
+    for (int family : {4, 6}) {
+      nox_.tov.setFamilyFilterMode(entry.first, family, false);
+      nox_.tov.clearFamilyFilters(entry.first, family);
+    }
   }
 }
 

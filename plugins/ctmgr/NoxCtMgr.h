@@ -58,7 +58,8 @@
 class NoxCtMgr {
  public:
   explicit NoxCtMgr(Nox& nox);
-  // Withdraws the subscriptions and timers; filters stay as they are on the modem.
+  // Withdraws the subscriptions and timers and leaves the modem's ports unfiltered (the
+  // safe state): nobody would switch the filter mode off at the next screen on.
   ~NoxCtMgr();
   NoxCtMgr(const NoxCtMgr&) = delete;
   NoxCtMgr& operator=(const NoxCtMgr&) = delete;
