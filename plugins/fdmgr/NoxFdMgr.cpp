@@ -202,3 +202,17 @@ void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self
   if (info->status != 1 || p.timerId != -1 || !mgr->screenAndTetheringOff()) return;
   mgr->arm(p, mgr->activeGraceMs_, true);
 }
+
+void NoxFdMgr::dump() const {
+  const bool off = screenAndTetheringOff();
+  for (const auto& entry : ports_) {
+    const Port& p = entry.second;
+    const char* want = !off || !connected(p.iface) ? "no request (screen or tethering on, or "
+                                                     "not connected)"
+                       : p.timerId == -1         ? "dormant"
+                       : p.retries > 0           ? "dormant (retrying)"
+                                                 : "dormant after its grace";
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "  %s: wants %s; modem has %s", p.iface.c_str(), want,
+            dormancyText(nox_.tov.getDormancyStatus(p.iface)));
+  }
+}

@@ -47,6 +47,9 @@ class NoxFdMgr {
   NoxFdMgr(const NoxFdMgr&) = delete;
   NoxFdMgr& operator=(const NoxFdMgr&) = delete;
 
+  // Writes what the policy wants and what the modem has, per interface.
+  void dump() const;
+
  private:
   struct Port {
     NoxFdMgr* mgr;
