@@ -54,7 +54,8 @@ if [ "${1:-}" = --run ]; then
   wait_until "$build/modem/modemsim" state
   # The samples' default grace periods, at the replay's speed.
   ms() { awk -v ms="$1" -v f="$speed" 'BEGIN { printf "%d", ms / f + 0.5 }'; }
-  printf 'grace_period_ms:%s\nactive_grace_ms:%s\n' "$(ms 5000)" "$(ms 3000)" >"$dir/fdmgr.conf"
+  printf 'grace_period_ms:%s\nactive_grace_ms:%s\nmin_grace_ms:%s\nmax_grace_ms:%s\nnetwork_timer_ms:%s\n' \
+    "$(ms 5000)" "$(ms 3000)" "$(ms 500)" "$(ms 8000)" "$(ms 10000)" >"$dir/fdmgr.conf"
   printf 'allow_v4:%s\nallow_v6:%s\nreenter_ms:%s\n' "$allow" "$allow" "$(ms 3000)" >"$dir/ctmgr.conf"
   export NOX_FDMGR_CONFIG=$dir/fdmgr.conf NOX_CTMGR_CONFIG=$dir/ctmgr.conf
   start_noxd "$build/daemon/noxd" "$mask" "$dir/noxd.log" --plugin-dir "$build/plugins" --log-level 2
