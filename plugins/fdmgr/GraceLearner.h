@@ -9,9 +9,10 @@
 // wake sooner than the network's inactivity timer after the release means the release
 // cost a promotion that the network would not have made (the traffic had not ended, or
 // came back soon): premature. A premature release doubles the grace; any other takes a
-// quarter off it, down to the floor, so the grace settles where about one release in
-// nine is premature (2x up against 0.75x down). It knows too little until
-// kMinSamples releases were judged, and then uses the fallback grace.
+// quarter off it, down to the floor, so the grace settles where about three releases in
+// ten are premature (2x up against 0.75x down): with the screen off a premature release
+// still saves energy, and the filters keep the link from most wakes. Until kMinSamples
+// releases were judged it knows too little and uses the fallback grace.
 //
 // What it can't see: the packets themselves (while the link is active a plug-in hears
 // nothing, so the grace runs from the wake, not from the last packet), which app or
