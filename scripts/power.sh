@@ -63,6 +63,11 @@ if [ "${1:-}" = --run ]; then
     wait_until grep -qF "power-save filter policy ready" "$dir/noxd.log"
     wait_until grep -qF "dormancy policy ready" "$dir/noxd.log"
   fi
+  # Every run starts its replay once all are set up: starting noxd and the simulator
+  # costs the CPU that the replays' timing needs.
+  touch "$NOX_POWER_READY/$(basename "$result")"
+  all_ready() { [ "$(find "$NOX_POWER_READY" -type f | wc -l)" -ge "$NOX_POWER_RUNS" ]; }
+  for _ in 1 2 3 4 5 6; do wait_until all_ready && break; done
   replayed=0
   "$build/tools/noxreplay" --socket "$dir/noxd.sock" --speed "$speed" "$trace" >"$result" || replayed=$?
   # The run's logs stay beside the build, named after the result.
@@ -268,6 +273,8 @@ breakeven=$(awk '/^[a-z]/ { p[$1] = $2 } END {
 # The runs mostly sleep: all at once, the whole report takes as long as the longest trace.
 all=("${traces[@]}" "${generated[@]}")
 echo "replaying ${#all[@]} traces at speed $speed, each without and with the policy ..." >&2
+export NOX_POWER_READY=$dir/ready NOX_POWER_RUNS=$((2 * ${#all[@]}))
+mkdir -p "$NOX_POWER_READY"
 started=$(date +%s)
 runs=()
 for trace in "${all[@]}"; do

@@ -36,8 +36,8 @@ TRACE
 NOX_BUILD_DIR=$build "$source/scripts/power.sh" --speed 20 --out "$dir/report.md" "$dir/short.trace" \
   >/dev/null || fail "power.sh ended with status $?"
 # Energy, delivered and dropped of each run.
-without=$(grep -F "without a policy" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
-with=$(grep -F "with the sample plug-ins" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
+without=$(grep -F "| without a policy" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
+with=$(grep -F "| with the sample plug-ins" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
 read -r energy0 _ delivered0 dropped0 _ <<<"$without"
 read -r energy1 _ delivered1 dropped1 _ <<<"$with"
 [ "$delivered0 $dropped0" = "21 0" ] || fail "without a policy: delivered $delivered0, dropped $dropped0; expected 21, 0"
@@ -52,7 +52,7 @@ awk -v a="$energy1" -v b="$energy0" 'BEGIN { exit !(a < 0.6 * b) }' ||
 bound=$(grep -F "| oracle (signalling-bound)" "$dir/report.md" | awk -F'|' '{ print $4, $5 }')
 free=$(grep -F "| oracle (unlimited)" "$dir/report.md" | awk -F'|' '{ print $5 }')
 read -r promotions2 energy2 _ <<<"$bound"
-promotions0=$(grep -F "without a policy" "$dir/report.md" | awk -F'|' '{ print $4 + 0 }')
+promotions0=$(grep -F "| without a policy" "$dir/report.md" | awk -F'|' '{ print $4 + 0 }')
 awk -v u="${free% J*}" -v o="$energy2" -v p="$energy1" -v n="$promotions2" -v n0="$promotions0" \
   'BEGIN { exit !(u <= o && o <= p && n <= n0) }' ||
   fail "oracles: $energy2 J in $promotions2 promotions (no policy $promotions0), unlimited $free"
