@@ -2,7 +2,8 @@
 # The energy report end to end (scripts/power.sh, root only): a short trace replayed
 # through noxd and the modem simulator without and with the sample plug-ins. The policy
 # must cost less energy, drop exactly the unasked downlink that comes while the screen
-# is off and the link dormant, and deliver everything else.
+# is off and the link dormant, and deliver everything else; the oracles must come out
+# below it, the bound one within no policy's promotions.
 set -euo pipefail
 source=$1 build=$2
 if ! { [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null; }; then
@@ -35,15 +36,25 @@ TRACE
 NOX_BUILD_DIR=$build "$source/scripts/power.sh" --speed 20 --out "$dir/report.md" "$dir/short.trace" \
   >/dev/null || fail "power.sh ended with status $?"
 # Energy, delivered and dropped of each run.
-without=$(grep -F "without a policy" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
-with=$(grep -F "with the sample plug-ins" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
+without=$(grep -F "| without a policy" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
+with=$(grep -F "| with the sample plug-ins" "$dir/report.md" | awk -F'|' '{ print $5, $6, $7 }')
 read -r energy0 _ delivered0 dropped0 _ <<<"$without"
 read -r energy1 _ delivered1 dropped1 _ <<<"$with"
 [ "$delivered0 $dropped0" = "21 0" ] || fail "without a policy: delivered $delivered0, dropped $dropped0; expected 21, 0"
 [ "$delivered1 $dropped1" = "18 3" ] || fail "with the policy: delivered $delivered1, dropped $dropped1; expected 18, 3"
 grep -qF "Dropped with the policy: v4 tcp/443 2, v6 udp/443 1." "$dir/report.md" || fail "other packets dropped"
+grep -qF "With the screen on: nothing dropped." "$dir/report.md" || fail "packets dropped with the screen on"
 # About 0.47 with the short graces after screen off and after traffic; 0.67 without the latter.
 awk -v a="$energy1" -v b="$energy0" 'BEGIN { exit !(a < 0.6 * b) }' ||
   fail "the policy's $energy1 J is not below 60 % of $energy0 J"
-echo "energy $energy1 J with the policy, $energy0 J without"
+# The oracle within no policy's promotions spends no more than the policy, and the
+# unlimited one no more than that.
+bound=$(grep -F "| oracle (signalling-bound)" "$dir/report.md" | awk -F'|' '{ print $4, $5 }')
+free=$(grep -F "| oracle (unlimited)" "$dir/report.md" | awk -F'|' '{ print $5 }')
+read -r promotions2 energy2 _ <<<"$bound"
+promotions0=$(grep -F "| without a policy" "$dir/report.md" | awk -F'|' '{ print $4 + 0 }')
+awk -v u="${free% J*}" -v o="$energy2" -v p="$energy1" -v n="$promotions2" -v n0="$promotions0" \
+  'BEGIN { exit !(u <= o && o <= p && n <= n0) }' ||
+  fail "oracles: $energy2 J in $promotions2 promotions (no policy $promotions0), unlimited $free"
+echo "energy $energy1 J with the policy, $energy0 J without, $energy2 J for the oracle"
 echo "1 passed, 0 failed"

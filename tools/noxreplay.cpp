@@ -1,6 +1,7 @@
 // noxreplay: plays a trace (noxreplay_trace.h) against a running noxd, as its framework
 // client, and the modem simulator, as the network's traffic, at a speed factor; then
-// prints the simulator's energy report, which is in trace time.
+// prints the simulator's energy report, which is in trace time, and how many packets the
+// filters dropped while the trace had the screen on.
 
 #include <time.h>
 
@@ -112,9 +113,11 @@ class Replay {
       return failed("modem: " + energy);
     printf(
         "replay: %s, %zu events over %s of trace time at speed %g; events late by %.0f ms "
-        "of trace time on average, %.0f ms at most\n%s",
+        "of trace time on average, %.0f ms at most\n"
+        "screen on: %llu packets dropped by the filters\n%s",
         opt_.trace.c_str(), events.size(), noxreplay::formatTime(events.back().atMs).c_str(),
-        opt_.speed, lateSumMs_ / double(events.size()), lateMaxMs_, energy.c_str());
+        opt_.speed, lateSumMs_ / double(events.size()), lateMaxMs_,
+        static_cast<unsigned long long>(droppedScreenOn_), energy.c_str());
     return true;
   }
 
@@ -160,12 +163,15 @@ class Replay {
         std::string text;
         if (modemsim::runCommand(opt_.modemPath, line, &text) != 0)
           return failed("line " + std::to_string(e.line) + ": modem: " + text);
+        // Whoever looks at the screen must get every packet: only filters drop them.
+        if (screenOn_ && text == "dropped\n") ++droppedScreenOn_;
         return true;
       }
       case Event::kScreen:
       case Event::kTethering:
         // The client sends 1 for on and 0 for off.
         command = e.kind == Event::kScreen ? "screen" : "tethering";
+        if (e.kind == Event::kScreen) screenOn_ = e.on;
         args = {e.on ? "1" : "0"};
         break;
       case Event::kDataConnect:
@@ -199,6 +205,8 @@ class Replay {
   int64_t startNs_ = 0;
   double lateSumMs_ = 0;
   double lateMaxMs_ = 0;
+  bool screenOn_ = true;  // as the framework starts
+  uint64_t droppedScreenOn_ = 0;
 };
 
 }  // namespace

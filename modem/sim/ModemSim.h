@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Oracle.h"
 #include "Radio.h"
 #include "data_filter_service_v01.h"
 #include "tov_wire.h"
@@ -99,6 +100,7 @@ class ModemSim {
     uint64_t delivered = 0;
     uint64_t dropped = 0;
     std::map<std::string, uint64_t> droppedBy;  // "v4 tcp/443": downlink by remote port
+    PortRecord record;                          // since the totals were reset, for the oracles
   };
 
   // Library requests, each appending its answer fields after "rc err" to `answer`.
@@ -134,14 +136,19 @@ class ModemSim {
 
   std::string stateText() const;
   std::string stateJson() const;
-  std::string energyText() const;
-  std::string energyJson() const;
+  // The reports note their time, where the oracles end.
+  std::string energyText();
+  std::string energyJson();
+  // The oracles for the packets delivered from the reset to the last energy report,
+  // the bound one with at most `maxPromotions`.
+  std::string oracleText(int64_t maxPromotions) const;
   void resetEnergy();
 
   std::map<std::string, Port> ports_;
   std::map<std::string, Link> links_;
   RadioParams radio_;
   int64_t now_ = 0;
+  int64_t reportedAt_ = 0;  // the last energy report's time, where the oracles end
   std::map<uint32_t, WdsClient> wds_;
   std::map<uint32_t, DfsClient> dfs_;
   std::map<uint64_t, int> starts_;  // libraries started, per connection

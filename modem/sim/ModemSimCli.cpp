@@ -252,8 +252,11 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
       text = energyJson();
     } else if (n == 2 && args[1] == "--reset") {
       resetEnergy();
+    } else if (long most = 0;
+               n == 3 && args[1] == "--oracle" && parseNumber(args[2], 0, INT32_MAX, &most)) {
+      text = oracleText(most);
     } else {
-      return usage("usage: energy [--json|--reset]");
+      return usage("usage: energy [--json|--reset|--oracle MAX_PROMOTIONS]");
     }
     return 0;
   }

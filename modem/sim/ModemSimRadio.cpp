@@ -12,6 +12,8 @@ namespace modemsim {
 
 namespace {
 
+constexpr size_t kMaxRecord = 4000000;
+
 bool inRange(const dfs_port_type_v01& range, long port) {
   return port >= range.port && port <= long(range.port) + range.range;
 }
@@ -86,7 +88,7 @@ ModemSim::Port& ModemSim::port(const std::string& name) {
   if (it != ports_.end()) return it->second;
   const auto link = links_.find(name);
   if (link == links_.end())
-    links_.emplace(name, Link{Radio(now_), 0, 0, {}});
+    links_.emplace(name, Link{Radio(now_), 0, 0, {}, PortRecord{now_, true, {}}});
   else
     link->second.radio.connect(now_, radio_);
   return ports_[name];
@@ -173,6 +175,8 @@ int ModemSim::traffic(const std::vector<std::string>& args, std::string& text,
     return 0;
   }
   link.delivered += static_cast<uint64_t>(count);
+  // Enough for days of traffic; a simulator left running for longer keeps its memory.
+  if (link.record.packetsMs.size() < kMaxRecord) link.record.packetsMs.push_back(now_);
   line += "delivered";
   if (up && path.filterMode && path.autoExit) {
     line += ", filter mode off (auto-exit)";
@@ -191,10 +195,13 @@ void ModemSim::resetEnergy() {
     link.radio.resetTotals(now_);
     link.delivered = link.dropped = 0;
     link.droppedBy.clear();
+    link.record = PortRecord{now_, link.radio.connected(), {}};
   }
+  reportedAt_ = now_;
 }
 
-std::string ModemSim::energyText() const {
+std::string ModemSim::energyText() {
+  reportedAt_ = now_;
   std::string s = "radio: " + radio_.describe() + "\n";
   RadioTotals all;
   uint64_t delivered = 0, dropped = 0;
@@ -216,7 +223,8 @@ std::string ModemSim::energyText() const {
   return s + "total: " + totalsText(all, delivered, dropped) + "\n";
 }
 
-std::string ModemSim::energyJson() const {
+std::string ModemSim::energyJson() {
+  reportedAt_ = now_;
   std::ostringstream s;
   s << "{\"params\":{\"inactivityMs\":" << radio_.inactivityMs
     << ",\"promotionMs\":" << radio_.promotionMs << ",\"promotionMw\":" << radio_.promotionMw
@@ -244,6 +252,23 @@ std::string ModemSim::energyJson() const {
   }
   s << "],\"total\":{" << totalsJson(all, delivered, dropped) << "}}\n";
   return s.str();
+}
+
+std::string ModemSim::oracleText(int64_t maxPromotions) const {
+  std::vector<PortRecord> records;
+  uint64_t delivered = 0, dropped = 0;
+  for (const auto& entry : links_) {
+    records.push_back(entry.second.record);
+    delivered += entry.second.delivered;
+    dropped += entry.second.dropped;
+  }
+  const OracleTotals best = oracles(records, reportedAt_, radio_, maxPromotions);
+  return "oracle: releases after a packet when the next one on its port comes more than " +
+         std::to_string(breakEvenGapMs(radio_)) + " ms later, up to the report at " +
+         seconds(reportedAt_) + "\n" + "oracle (unlimited): " +
+         totalsText(best.unlimited, delivered, dropped) + "\n" +
+         "oracle (signalling-bound, at most " + std::to_string(maxPromotions) +
+         " promotions): " + totalsText(best.bound, delivered, dropped) + "\n";
 }
 
 }  // namespace modemsim

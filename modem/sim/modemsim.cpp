@@ -60,6 +60,9 @@ std::string usage() {
              "                                   idle, promotions, energy, packets delivered\n"
              "                                   and dropped, in the radio clock's time\n"
              "  energy --reset                   count again from zero, from now\n"
+             "  energy --oracle MAX_PROMOTIONS   the least energy a dormancy policy could reach\n"
+             "                                   for the packets delivered up to the last\n"
+             "                                   report: unlimited, and with no more promotions\n"
              "\n"
              "OPERATION is one of:") +
          ops +

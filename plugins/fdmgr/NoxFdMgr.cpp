@@ -1,5 +1,8 @@
 #include "NoxFdMgr.h"
 
+#include <time.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -9,7 +12,7 @@
 namespace {
 
 const char kDefaultConfig[] = "/system/vendor/etc/noxfdmgr.conf";
-enum Tag { kGracePeriod, kActiveGrace, kRetry };
+enum Tag { kGracePeriod, kActiveGrace, kRetry, kMinGrace, kMaxGrace, kNetworkTimer, kScreenOnMax };
 constexpr int kMaxRetries = 6;
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
@@ -19,6 +22,12 @@ constexpr long long kMaxGraceMs = 3600000;
 
 // The one instance; unloading the plug-in destroys it.
 std::unique_ptr<NoxFdMgr> gInstance;
+
+long long nowMs() {
+  timespec ts = {};
+  clock_gettime(CLOCK_BOOTTIME, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 const char* dormancyText(int status) {
   return status == 0 ? "dormant" : status == 1 ? "active" : "unknown";
@@ -73,8 +82,10 @@ void NoxFdMgr::readSettings() {
   const char* path = getenv("NOX_FDMGR_CONFIG");
   NoxConfigParseControl control;
   control.fileName = path != nullptr && *path != '\0' ? path : kDefaultConfig;
-  control.tags = {
-      {"grace_period_ms", kGracePeriod}, {"active_grace_ms", kActiveGrace}, {"retry_ms", kRetry}};
+  control.tags = {{"grace_period_ms", kGracePeriod},   {"active_grace_ms", kActiveGrace},
+                  {"retry_ms", kRetry},                {"min_grace_ms", kMinGrace},
+                  {"max_grace_ms", kMaxGrace},         {"network_timer_ms", kNetworkTimer},
+                  {"screen_on_premature_max", kScreenOnMax}};
   std::map<int, std::string> values;
   if (nox_.config.parseConfigFile(control, values) != NOX_RET_OK) {
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "no settings in %s, using the defaults",
@@ -84,6 +95,13 @@ void NoxFdMgr::readSettings() {
   readMs(control.fileName, values, kGracePeriod, "grace_period_ms", graceMs_);
   readMs(control.fileName, values, kActiveGrace, "active_grace_ms", activeGraceMs_);
   readMs(control.fileName, values, kRetry, "retry_ms", retryMs_);
+  readMs(control.fileName, values, kMinGrace, "min_grace_ms", learning_.floorMs);
+  readMs(control.fileName, values, kMaxGrace, "max_grace_ms", learning_.ceilingMs);
+  readMs(control.fileName, values, kNetworkTimer, "network_timer_ms", learning_.networkTimerMs);
+  long long most = learning_.screenOnPrematureMax;
+  readMs(control.fileName, values, kScreenOnMax, "screen_on_premature_max", most);
+  learning_.screenOnPrematureMax = static_cast<int>(std::min(most, 1000LL));
+  learning_.ceilingMs = std::max(learning_.ceilingMs, learning_.floorMs);
 }
 
 bool NoxFdMgr::screenAndTetheringOff() const {
@@ -97,7 +115,12 @@ bool NoxFdMgr::connected(const std::string& iface) const {
 }
 
 NoxFdMgr::Port& NoxFdMgr::port(const std::string& iface) {
-  Port& p = ports_.emplace(iface, Port{this, iface}).first->second;
+  const auto added = ports_.emplace(iface, Port{this, iface});
+  Port& p = added.first->second;
+  if (added.second) {
+    learning_.fallbackMs = activeGraceMs_;
+    p.learner = GraceLearner(learning_);
+  }
   follow(p);
   return p;
 }
@@ -148,8 +171,9 @@ void NoxFdMgr::arm(Port& p, long long delayMs, bool afterTraffic) {
   cancel(p);
   p.timerId = nox_.timer.addTimedCallback(delayMs, onGraceOver, &p);
   p.afterTraffic = afterTraffic;
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off, tethering off: %s dormant %sin %lld ms",
-          p.iface.c_str(), afterTraffic ? "again " : "", delayMs);
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen %s, tethering off: %s dormant %sin %lld ms",
+          nox_.dsm.getScreenState() == kOff ? "off" : "on", p.iface.c_str(),
+          afterTraffic ? "again " : "", delayMs);
 }
 
 void NoxFdMgr::cancel(Port& p) {
@@ -162,18 +186,20 @@ int NoxFdMgr::onGraceOver(void* data) {
   Port& p = *static_cast<Port*>(data);
   NoxFdMgr* mgr = p.mgr;
   p.timerId = -1;
-  if (!mgr->screenAndTetheringOff() || !mgr->connected(p.iface)) return -1;
+  // Armed with the screen off, or on by the learner; screen on cancels the former.
+  if (mgr->nox_.dsm.getTetheringState() != kOff || !mgr->connected(p.iface)) return -1;
   if (p.retries > 0)
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s: asking the modem to go dormant again (try %d)",
             p.iface.c_str(), p.retries + 1);
   else if (p.afterTraffic)
-    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s active for %lld ms: asking the modem to go dormant "
-            "again", p.iface.c_str(), mgr->activeGraceMs_);
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s active for its grace: asking the modem to go "
+            "dormant again", p.iface.c_str());
   else
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off for %lld ms: asking the modem to take %s "
             "dormant", mgr->graceMs_, p.iface.c_str());
   if (mgr->nox_.tov.goDormant(p.iface) == 0) {
     p.retries = 0;
+    p.asked = true;
     return -1;
   }
   if (p.retries == kMaxRetries) {
@@ -197,10 +223,18 @@ void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self
   const auto it = mgr->ports_.find(info->iface);
   if (it == mgr->ports_.end()) return;
   Port& p = it->second;
-  // Traffic woke the link while nobody looks: it gets a short grace, not the network's
-  // inactivity timer. A pending request keeps its own time.
-  if (info->status != 1 || p.timerId != -1 || !mgr->screenAndTetheringOff()) return;
-  mgr->arm(p, mgr->activeGraceMs_, true);
+  const bool screenOn = mgr->nox_.dsm.getScreenState() != kOff;
+  if (info->status == 0) {
+    p.learner.dormant(nowMs(), p.asked, screenOn);
+    p.asked = false;
+    return;
+  }
+  if (info->status != 1) return;
+  // Traffic woke the link: it gets the learnt grace, not the network's inactivity
+  // timer. A pending request keeps its own time.
+  const long long grace = p.learner.woke(nowMs(), screenOn);
+  if (grace < 0 || p.timerId != -1 || mgr->nox_.dsm.getTetheringState() != kOff) return;
+  mgr->arm(p, grace, true);
 }
 
 void NoxFdMgr::dump() const {

@@ -6,8 +6,11 @@
 // off, it asks the modem to release the data link (go dormant) on each interface, so
 // the radio does not burn its tail energy waiting for the network's inactivity timer.
 // While they stay off, traffic that wakes a link again, and a link that connects, gets
-// a shorter grace before the next request. Screen on or tethering on cancels pending
-// requests. It follows the dormancy of every interface that connects, also after its
+// a shorter grace before the next request, learnt per interface (GraceLearner.h says
+// from what, and how it weighs a release with the screen on). Screen on or tethering on
+// cancels pending requests; with the screen on, traffic that wakes a link gets a
+// release too while the learner finds that it pays. With tethering on the link is left
+// to the network: the tethered devices' users are not the phone's to see. It follows the dormancy of every interface that connects, also after its
 // start, and logs every change ("FDMGR").
 //
 // How it decides, and what to keep when you copy it: per interface it acts on what the
@@ -24,8 +27,14 @@
 // Settings, in a tagged file (default /system/vendor/etc/noxfdmgr.conf, on the host
 // $NOX_FDMGR_CONFIG):
 //   grace_period_ms:5000   how long the screen stays off before the request
-//   active_grace_ms:3000   how long a link woken by traffic, screen off, stays active
-//                          before the request again
+//   active_grace_ms:3000   how long a link woken by traffic stays active before the
+//                          request again, until the learner knows better
+//   min_grace_ms:500       the learnt grace's floor
+//   max_grace_ms:8000      and ceiling
+//   network_timer_ms:10000 the network's inactivity timer: a release followed by
+//                          traffic sooner than this cost an extra promotion
+//   screen_on_premature_max:333  per mille of recent screen-on releases that may have
+//                          cost one, above which the screen-on releases stop
 //   retry_ms:1000          first delay before a refused request is tried again
 // A missing file gives the defaults; a bad value is logged and the default kept.
 //
@@ -37,6 +46,7 @@
 #include <map>
 #include <string>
 
+#include "GraceLearner.h"
 #include "Nox.h"
 
 class NoxFdMgr {
@@ -58,6 +68,8 @@ class NoxFdMgr {
     int timerId = -1;  // the next dormancy request
     bool afterTraffic = false;  // that request is the short one
     int retries = 0;  // refused requests in a row
+    bool asked = false;  // a request the modem took, until the link goes dormant
+    GraceLearner learner{GraceLearner::Settings()};
   };
 
   static void onDsmEvent(NoxDsmEvent event, const void* data, void* self);
@@ -79,6 +91,7 @@ class NoxFdMgr {
   long long graceMs_ = 5000;
   long long activeGraceMs_ = 3000;
   long long retryMs_ = 1000;
+  GraceLearner::Settings learning_;
   std::map<std::string, Port> ports_;
 };
 

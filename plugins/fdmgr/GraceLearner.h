@@ -1,0 +1,67 @@
+#ifndef NOX_FDMGR_GRACE_LEARNER_H
+#define NOX_FDMGR_GRACE_LEARNER_H
+
+// How long after traffic wakes one link the dormancy policy should ask for a release,
+// learnt from what a plug-in sees of that link: the modem's dormancy changes, its own
+// requests, and whether the screen is on.
+//
+// What it learns from: each release it asked for is judged at the link's next wake. A
+// wake sooner than the network's inactivity timer after the release means the release
+// cost a promotion that the network would not have made (the traffic had not ended, or
+// came back soon): premature. A premature release doubles the grace; any other takes a
+// quarter off it, down to the floor, so the grace settles where about three releases in
+// ten are premature (2x up against 0.75x down): with the screen off a premature release
+// still saves energy, and the filters keep the link from most wakes. Until kMinSamples
+// releases were judged it knows too little and uses the fallback grace.
+//
+// What it can't see: the packets themselves (while the link is active a plug-in hears
+// nothing, so the grace runs from the wake, not from the last packet), which app or
+// port sent them, what the filters dropped, and the network's timer (a setting).
+//
+// With the screen on a release also costs the user: the next tap waits for a promotion
+// (about a quarter second) when it comes before the network would have let go. So the
+// screen-on grace is learnt on its own, and releases with the screen on stop while more
+// than `screenOnPrematureMax` per mille of the recent ones (a moving average over about
+// four) were premature; each time the network itself lets go with the screen on counts
+// as one that was not, so that they start again once the user reads more than taps.
+//
+// Times are the caller's, in milliseconds, and never go back.
+class GraceLearner {
+ public:
+  struct Settings {
+    long long floorMs = 500;
+    long long ceilingMs = 8000;
+    long long fallbackMs = 3000;
+    long long networkTimerMs = 10000;
+    int screenOnPrematureMax = 333;
+  };
+  static constexpr int kMinSamples = 4;
+
+  explicit GraceLearner(const Settings& settings) : settings_(settings) {}
+
+  // The link woke at `nowMs`; judges the release before. Returns how long to wait before
+  // asking for the next release, or -1 when the link is better left to the network.
+  long long woke(long long nowMs, bool screenOn);
+  // The link went dormant at `nowMs`: `asked` when at the policy's request, else by the
+  // network's timer.
+  void dormant(long long nowMs, bool asked, bool screenOn);
+
+  long long graceMs(bool screenOn) const { return context_[screenOn].graceMs; }
+  int samples(bool screenOn) const { return context_[screenOn].samples; }
+  int prematurePerMille(bool screenOn) const { return context_[screenOn].premature; }
+
+ private:
+  struct Context {
+    long long graceMs;
+    int samples = 0;
+    int premature = 0;  // per mille, moving average
+  };
+  void judge(Context& c, bool premature);
+
+  Settings settings_;
+  Context context_[2] = {{settings_.fallbackMs}, {settings_.fallbackMs}};
+  long long releasedAtMs_ = -1;  // our release still to be judged
+  bool releasedScreenOn_ = false;
+};
+
+#endif  // NOX_FDMGR_GRACE_LEARNER_H
