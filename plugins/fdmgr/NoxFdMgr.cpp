@@ -241,11 +241,10 @@ void NoxFdMgr::dump() const {
   const bool off = screenAndTetheringOff();
   for (const auto& entry : ports_) {
     const Port& p = entry.second;
-    const char* want = !off || !connected(p.iface) ? "no request (screen or tethering on, or "
-                                                     "not connected)"
-                       : p.timerId == -1         ? "dormant"
-                       : p.retries > 0           ? "dormant (retrying)"
-                                                 : "dormant after its grace";
+    const char* want = p.timerId != -1 ? (p.retries > 0 ? "dormant (retrying)"
+                                                        : "dormant after its grace")
+                       : off && connected(p.iface) ? "dormant"
+                                                   : "no request";
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "  %s: wants %s; modem has %s", p.iface.c_str(), want,
             dormancyText(nox_.tov.getDormancyStatus(p.iface)));
   }
