@@ -42,13 +42,17 @@ std::unique_ptr<Nox> makeNox(const char* mask, const char* pluginSubdir = "full"
   return std::make_unique<Nox>();
 }
 
-// Lines that tell what start-up decided: plug-in entries run, plug-in warnings, stop.
+// Lines that tell what start-up decided: plug-in entries run, loads, refusals, warnings
+// with their details, stop; the plug-in directory reads as DIR.
 std::vector<std::string> startupLines(const LogCapture& log) {
   std::vector<std::string> out;
-  for (const auto& l : log.lines())
+  for (auto l : log.lines()) {
+    for (size_t at; (at = l.text.find(NOX_TEST_PLUGIN_DIR)) != std::string::npos;)
+      l.text.replace(at, strlen(NOX_TEST_PLUGIN_DIR), "DIR");
     if (l.text.rfind("|TEST| ", 0) == 0 || l.text.find("failed!!") != std::string::npos ||
-        l.text.find("shutting down") != std::string::npos)
+        l.text.find("shutting down") != std::string::npos || l.text.find("DIR") != std::string::npos)
       out.push_back(l.text);
+  }
   return out;
 }
 
@@ -60,16 +64,28 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
     unsigned entriesRun;
     std::vector<std::string> lines;
   };
+  const char* const fdLoaded = "|COMMON| loaded fdmgr from DIR/full/libnoxfdmgr.so, with a stop hook";
+  const char* const ctLoaded = "|COMMON| loaded ctmgr from DIR/full/libnoxctmgr.so, with a stop hook";
   const Case cases[] = {
       {"0", "full", false, false, true, 0,
        {"|COMMON| None of the nox feature enabled, noxd shutting down"}},
       {"4", "full", false, false, false, 0, {}},
-      {"3", "full", true, true, false, 2, {"|TEST| init_fd_mgr called", "|TEST| init_ct_mgr called"}},
+      {"3", "full", true, true, false, 2,
+       {fdLoaded, "|TEST| init_fd_mgr called", ctLoaded, "|TEST| init_ct_mgr called"}},
       // A missing first plug-in does not keep the second from loading.
       {"0x3", "ctonly", false, true, false, 1,
-       {"|COMMON| loading fdmgr lib failed!!", "|TEST| init_ct_mgr called"}},
+       {"|COMMON| loading fdmgr lib failed!!",
+        "|COMMON|     DIR/ctonly/libnoxfdmgr.so: cannot open shared object file: No such file or "
+        "directory",
+        "|COMMON| loaded ctmgr from DIR/ctonly/libnoxctmgr.so, with a stop hook",
+        "|TEST| init_ct_mgr called"}},
       // Without its entry the plug-in stays open.
-      {"1", "noentry", true, false, false, 0, {"|COMMON| init fdmgr failed!!"}},
+      {"1", "noentry", true, false, false, 0,
+       {"|COMMON| init fdmgr failed!!",
+        "|COMMON|     DIR/noentry/libnoxfdmgr.so: undefined symbol: init_fd_mgr"}},
+      {"1", "oldkit", false, false, false, 0,
+       {"|COMMON| refusing fdmgr: DIR/oldkit/libnoxfdmgr.so was built for plug-in interface 99, "
+        "this noxd has 1"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string("mask ") + c.mask + ", plug-ins " + c.dir);
@@ -87,9 +103,20 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
               log.matching("NoxConfig::isEnabled: feature"));
     // Each entry got this Nox and registered on its dispatcher, after the data state manager.
     EXPECT_EQ(1u + c.entriesRun, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
-    nox->deinitFdMgr();
-    nox->deinitCtMgr();
-    EXPECT_EQ(nullptr, nox->fdMgrHandle);
+    // The state dump lists what runs.
+    log.clear();
+    nox->dumpState();
+    EXPECT_EQ(c.entriesRun, static_cast<unsigned>(log.count(", stop hook")));
+    EXPECT_EQ(2 - c.entriesRun, static_cast<unsigned>(log.count(": not loaded")));
+    // A normal stop runs the stop hooks while the modem controller is still there.
+    log.clear();
+    nox.reset();
+    std::vector<std::string> stop;
+    for (const auto& l : log.lines())
+      if (l.text.find("stop hook of") != std::string::npos || l.text.find("D-Xtor") != std::string::npos)
+        stop.push_back(l.text);
+    ASSERT_EQ(c.entriesRun + 1, stop.size());
+    EXPECT_EQ("|COMMON:TOV| NoxTov D-Xtor", stop.back());
   }
 }
 
