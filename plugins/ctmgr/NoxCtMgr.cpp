@@ -17,7 +17,6 @@ enum Tag { kAllowV4, kAllowV6, kReenter };
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
-constexpr int32_t kOff = 1;  // stored screen and tethering value for "off"
 constexpr int kProtoTcp = 6;
 constexpr int kProtoUdp = 17;
 constexpr long long kMaxReenterMs = 3600000;
@@ -30,7 +29,11 @@ const char* filteringText(int status) {
 
 }  // namespace
 
+NOX_PLUGIN_DECLARE_INTERFACE_VERSION();
+
 extern "C" void init_ct_mgr(Nox* nox) { gInstance.reset(new NoxCtMgr(*nox)); }
+
+extern "C" void nox_plugin_stop(Nox*) { gInstance.reset(); }
 
 NoxCtMgr::NoxCtMgr(Nox& nox) : nox_(nox) {
   readSettings();
@@ -108,7 +111,8 @@ bool NoxCtMgr::parseAllowList(const char* tag, const std::string& text, uint16_t
 }
 
 bool NoxCtMgr::filtering() const {
-  return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
+  return nox_.dsm.getScreenState() == NOX_SCREEN_OFF &&
+         nox_.dsm.getTetheringState() == NOX_TETHERING_OFF;
 }
 
 void NoxCtMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {

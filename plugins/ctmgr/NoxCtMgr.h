@@ -13,11 +13,6 @@
 // filtering status of the interfaces it has seen connected and logs every change
 // ("CTMGR").
 //
-// Screen and tethering values: the framework stores the inverse of the integer its
-// client sends. This sample assumes the client sends 1 for on and 0 for off, so a
-// stored 0 is on and a stored 1 is off, which matches the framework's start values
-// (screen on, tethering off).
-//
 // Settings, in a tagged file (default /system/vendor/etc/noxctmgr.conf, on the host
 // $NOX_CTMGR_CONFIG):
 //   allow_v4:tcp/5228 udp/53   downlink IPv4 packets from these remote ports pass
@@ -36,7 +31,7 @@
 #include <set>
 #include <string>
 
-#include "Nox.h"
+#include "NoxPlugin.h"
 
 class NoxCtMgr {
  public:

@@ -13,7 +13,6 @@ enum Tag { kGracePeriod, kActiveGrace };
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
-constexpr int32_t kOff = 1;  // stored screen and tethering value for "off"
 constexpr long long kMaxGraceMs = 3600000;
 
 // The one instance; unloading the plug-in destroys it.
@@ -45,7 +44,11 @@ void readMs(const std::string& file, const std::map<int, std::string>& values, T
 
 }  // namespace
 
+NOX_PLUGIN_DECLARE_INTERFACE_VERSION();
+
 extern "C" void init_fd_mgr(Nox* nox) { gInstance.reset(new NoxFdMgr(*nox)); }
+
+extern "C" void nox_plugin_stop(Nox*) { gInstance.reset(); }
 
 NoxFdMgr::NoxFdMgr(Nox& nox) : nox_(nox) {
   readSettings();
@@ -95,7 +98,8 @@ void NoxFdMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
 }
 
 bool NoxFdMgr::screenAndTetheringOff() const {
-  return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
+  return nox_.dsm.getScreenState() == NOX_SCREEN_OFF &&
+         nox_.dsm.getTetheringState() == NOX_TETHERING_OFF;
 }
 
 void NoxFdMgr::decide() {

@@ -9,11 +9,6 @@
 // next request. Screen on or tethering on cancels a pending request. It follows the
 // dormancy of the interfaces it has seen connected and logs every change ("FDMGR").
 //
-// Screen and tethering values: the framework stores the inverse of the integer its
-// client sends. This sample assumes the client sends 1 for on and 0 for off, so a
-// stored 0 is on and a stored 1 is off, which matches the framework's start values
-// (screen on, tethering off).
-//
 // Settings, in a tagged file (default /system/vendor/etc/noxfdmgr.conf, on the host
 // $NOX_FDMGR_CONFIG):
 //   grace_period_ms:5000   how long the screen stays off before the request
@@ -23,13 +18,13 @@
 //
 // To start a plug-in of your own, copy this folder, rename the class and the entry,
 // and keep the shape: the entry builds one object that subscribes on the framework's
-// dispatchers, and a static owner that takes everything back when the plug-in is
-// unloaded. Everything runs on the daemon's loop thread.
+// dispatchers, and a static owner that takes everything back when the daemon stops
+// (nox_plugin_stop) or the plug-in is unloaded. Everything runs on the daemon's loop thread.
 
 #include <set>
 #include <string>
 
-#include "Nox.h"
+#include "NoxPlugin.h"
 
 class NoxFdMgr {
  public:
