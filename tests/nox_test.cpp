@@ -11,12 +11,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -117,6 +119,83 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
         stop.push_back(l.text);
     ASSERT_EQ(c.entriesRun + 1, stop.size());
     EXPECT_EQ("|COMMON:TOV| NoxTov D-Xtor", stop.back());
+  }
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Re-checks `done` every 20 ms, for at most 20 s.
+bool waitFor(const std::function<bool()>& done) {
+  for (int i = 0; i < 1000; ++i) {
+    if (done()) return true;
+    usleep(20 * 1000);
+  }
+  return done();
+}
+
+// noxd itself, stopped by SIGTERM at a moment that used to keep it for a minute (the
+// modem start-up retries) and while it serves: each time the process ends at once, with
+// status 0 and no fatal line, the plug-ins' stop hooks run before the modem is released,
+// and the socket file it created is gone.
+TEST(DaemonStopTest, SigtermStopsNormallyAtAnyTime) {
+  struct Case {
+    bool modem;
+    const char* stopAfter;
+    std::vector<std::string> inOrder;
+  };
+  const Case cases[] = {
+      {false, "no modem at /nonexistent/modemsim.sock (TOV_SIM_SOCKET)",
+       {"NoxTov::init: stop asked for", "SIGTERM: stopping", "stop hook of init_fd_mgr",
+        "stop hook of init_ct_mgr", "NoxTov D-Xtor"}},
+      {true, "Control socket is ready",
+       {"SIGTERM: stopping", "stop hook of init_fd_mgr", "stop hook of init_ct_mgr",
+        "TOV service release for client_id"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.stopAfter);
+    std::unique_ptr<ModemSimProcess> sim;
+    if (c.modem)
+      sim = std::make_unique<ModemSimProcess>();
+    else
+      runWithoutModem();
+    char dirTemplate[] = "/tmp/noxd-stop-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dirTemplate));
+    const std::string dir = dirTemplate, sock = dir + "/noxd.sock", log = dir + "/noxd.log",
+                      props = dir + "/noxd.prop", plugins = std::string(NOX_TEST_PLUGIN_DIR) + "/full";
+    std::ofstream(props) << "persist.nox.feature=3\n";
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(126);
+      execl(NOX_TEST_NOXD, "noxd", "--socket", sock.c_str(), "--props", props.c_str(),
+            "--plugin-dir", plugins.c_str(), "--log-level", "0", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    EXPECT_TRUE(waitFor([&] { return readFile(log).find(c.stopAfter) != std::string::npos; }));
+    kill(pid, SIGTERM);
+    int status = -1;
+    if (!waitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; })) {
+      ADD_FAILURE() << "noxd did not stop";
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    const std::string text = readFile(log);
+    EXPECT_EQ(std::string::npos, text.find("FATAL")) << text;
+    size_t at = 0;
+    for (const std::string& line : c.inOrder) {
+      at = text.find(line, at);
+      ASSERT_NE(std::string::npos, at) << line << " in order in:\n" << text;
+    }
+    EXPECT_NE(0, access(sock.c_str(), F_OK));
+    unlink(log.c_str());
+    unlink(props.c_str());
+    rmdir(dir.c_str());
   }
 }
 
