@@ -6,10 +6,11 @@
 #
 #   scripts/power.sh [--speed F] [--out FILE] [TRACE...]
 #
-# Defaults: speed 200, report bench/POWER.md, every bench/traces/*.trace. Every duration
-# is divided by the speed: the traces, the simulator's timers (modemsim serve --speed)
-# and the plug-ins' grace periods; the figures are in trace time. The binaries come from
-# $NOX_BUILD_DIR (default build). Needs root, for the namespaces.
+# Defaults: speed 200, report $NOX_BUILD_DIR/power/POWER.md (make power-update writes the
+# tracked bench/POWER.md), every bench/traces/*.trace. Every duration is divided by the
+# speed: the traces, the simulator's timers (modemsim serve --speed) and the plug-ins'
+# grace periods; the figures are in trace time. The binaries come from $NOX_BUILD_DIR
+# (default build). Needs root, for the namespaces.
 set -euo pipefail
 self=$(realpath "$0")
 root=$(dirname "$self")/..
@@ -67,7 +68,7 @@ if [ "${1:-}" = --run ]; then
 fi
 
 speed=200
-out=bench/POWER.md
+out=$build/power/POWER.md
 command="scripts/power.sh${*:+ $*}"
 traces=()
 while [ $# -gt 0 ]; do
