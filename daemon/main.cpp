@@ -38,8 +38,8 @@ const char kUsage[] =
     "The modem is the simulator (modemsim serve) at $TOV_SIM_SOCKET, by default\n"
     "/tmp/modemsim.sock; without it, start-up retries for 63 seconds.\n"
     "SIGUSR1 (noxctl dump) writes the daemon's state to its log at info level.\n"
-    "SIGTERM stops it at any time: the plug-ins' stop hooks run, the modem clients are\n"
-    "released and the socket file of --socket is removed.\n";
+    "SIGTERM (or SIGINT) stops it at any time: the plug-ins' stop hooks run, the modem\n"
+    "clients are released and the socket file of --socket is removed.\n";
 
 // A stop that the modem keeps from ending (its calls wait for their timeouts) ends here.
 constexpr unsigned kStopGraceSeconds = 2;
@@ -105,7 +105,7 @@ struct stat gSocketFile;
 }
 
 void onStopRequest(int, void* data) {
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "SIGTERM: stopping");
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "SIGTERM or SIGINT: stopping");
   stopNormally(static_cast<Nox*>(data));
 }
 
@@ -148,6 +148,7 @@ int main(int argc, char** argv) {
   term.sa_handler = onTerm;
   term.sa_flags = SA_RESTART;
   sigaction(SIGTERM, &term, nullptr);
+  sigaction(SIGINT, &term, nullptr);  // by hand, ^C stops it the same way
 
   static const option kOptions[] = {
       {"socket", required_argument, nullptr, 's'},  {"props", required_argument, nullptr, 'p'},

@@ -150,10 +150,10 @@ TEST(DaemonStopTest, SigtermStopsNormallyAtAnyTime) {
   };
   const Case cases[] = {
       {false, "no modem at /nonexistent/modemsim.sock (TOV_SIM_SOCKET)",
-       {"NoxTov::init: stop asked for", "SIGTERM: stopping", "stop hook of init_fd_mgr",
+       {"NoxTov::init: stop asked for", "SIGTERM or SIGINT: stopping", "stop hook of init_fd_mgr",
         "stop hook of init_ct_mgr", "NoxTov D-Xtor"}},
       {true, "Control socket is ready",
-       {"SIGTERM: stopping", "stop hook of init_fd_mgr", "stop hook of init_ct_mgr",
+       {"SIGTERM or SIGINT: stopping", "stop hook of init_fd_mgr", "stop hook of init_ct_mgr",
         "TOV service release for client_id"}},
   };
   for (const Case& c : cases) {
