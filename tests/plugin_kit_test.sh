@@ -1,40 +1,35 @@
 #!/usr/bin/env bash
-# A plug-in built out of tree against the installed framework, as the README says: with
-# CMake (find_package) and with pkg-config. The installed noxd loads the first and runs
-# its stop hook when it stops.
+# A plug-in built out of tree against the installed framework with the README's own
+# code and commands: with CMake (find_package) and with pkg-config.
 set -euo pipefail
 root=$1 build=$2
 source "$root/scripts/lib.sh"
 prefix=$dir/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
-mkdir "$dir/src" "$dir/pc"
-cat >"$dir/src/myplug.cpp" <<'EOF'
-#include <NoxPlugin.h>
-
-NOX_PLUGIN_DECLARE_INTERFACE_VERSION();
-
-extern "C" void init_fd_mgr(Nox* nox) {
-  NOX_PLUGIN_LOG(NOX_LOG_INFO, "MYPLUG", "loaded, screen %s",
-                 nox->dsm.getScreenState() == NOX_SCREEN_ON ? "on" : "off");
+mkdir "$dir/src" && cd "$dir/src"
+# The README's indented block after its line that holds $1, unindented.
+readme_block() {
+  awk -v m="$1" 'index($0, m) { on = 1; next } on && /^    / { sub(/^    /, ""); print; seen = 1; next }
+                 on && seen && /^[^ ]/ { exit } on && seen { print }' "$root/README.md"
 }
+readme_block "A minimal plug-in:" >myplug.cpp
+{ printf 'cmake_minimum_required(VERSION 3.18)\nproject(myplug CXX)\n'; readme_block "Then with CMake"; } >CMakeLists.txt
+for step in "built with:" "or with the compiler alone:"; do
+  eval "$(readme_block "$step" | sed "s|\$HOME/noxd|$prefix|g")" >/dev/null
+done
+[ -f libnoxfdmgr.so ] && [ -f build/libnoxfdmgr.so ]
 
-extern "C" void nox_plugin_stop(Nox*) { NOX_PLUGIN_LOG(NOX_LOG_INFO, "MYPLUG", "stopped"); }
-EOF
-cat >"$dir/src/CMakeLists.txt" <<'EOF'
-cmake_minimum_required(VERSION 3.18)
-project(myplug CXX)
-find_package(noxframework REQUIRED)
-add_library(noxfdmgr SHARED myplug.cpp)
-target_link_libraries(noxfdmgr PRIVATE noxframework::noxframework)
-EOF
-cmake -S "$dir/src" -B "$dir/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$dir/cmake" >/dev/null
-export PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name noxframework.pc)")
-c++ -shared -fPIC -o "$dir/pc/libnoxfdmgr.so" "$dir/src/myplug.cpp" $(pkg-config --cflags --libs noxframework)
-
+# The installed noxd loads it and stops normally on SIGTERM, while it serves and during
+# the modem start-up retries: at once, status 0, the stop hook before the modem's
+# release, no fatal line and no socket file left.
 start_modemsim "$prefix/bin/modemsim"
-start_noxd "$prefix/bin/noxd" 1 "$dir/noxd.log" --plugin-dir "$dir/cmake" --log-level 2
-kill_noxd() { kill "$noxd_pid" && wait "$noxd_pid"; }
-wait_until grep -qF "|MYPLUG| loaded, screen on" "$dir/noxd.log" && kill_noxd &&
-  grep -qF "|MYPLUG| stopped" "$dir/noxd.log" || { tail -5 "$dir/noxd.log" >&2; exit 1; }
+run() {  # $1 the modem's socket, $2 the line to stop at
+  TOV_SIM_SOCKET=$1 start_noxd "$prefix/bin/noxd" 1 "$dir/noxd.log" --plugin-dir "$dir/src/build"
+  wait_until grep -qF "$2" "$dir/noxd.log" && kill "$noxd_pid" && wait_until sh -c "! kill -0 $noxd_pid" && wait "$noxd_pid" &&
+    [ ! -e "$dir/noxd.sock" ] && ! grep -q FATAL "$dir/noxd.log" &&
+    awk '/MYPLUG\| stopped/ { s = 1 } /TOV service release/ && !s { exit 1 } END { exit !s }' "$dir/noxd.log" ||
+    { tail -5 "$dir/noxd.log" >&2; exit 1; }
+}
+run "$TOV_SIM_SOCKET" "|MYPLUG| loaded, screen on"
+run "$dir/nothing" "no modem at $dir/nothing"
 echo "1 passed, 0 failed"

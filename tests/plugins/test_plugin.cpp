@@ -1,6 +1,6 @@
 // A stand-in plug-in: its entry logs that it ran and registers a handler, so a
-// test can see the load order and that it received the daemon object; its stop hook
-// logs too. NOX_TEST_VERSION, when set, is the interface version it claims.
+// test can see the load order and that it received the daemon object.
+// NOX_TEST_VERSION, when set, is the interface version it claims.
 #include <string>
 
 #include "NoxPlugin.h"
@@ -25,9 +25,4 @@ extern "C" void NOX_TEST_ENTRY(Nox* nox) {
   nox->dispatcher.regEventCallback(NOX_S_NOTIFY_INIT_DONE, onInitDone, nullptr);
 }
 
-extern "C" void nox_plugin_stop(Nox* nox) {
-  // Still loaded, and the modem controller still there.
-  NOX_PLUGIN_LOG(NOX_LOG_INFO, "TEST", "stop hook of %s, modem handle %d", NOX_TEST_ENTRY_NAME,
-                 nox->tov.mTovHandle);
-}
 #endif
