@@ -2,7 +2,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-unit test-asan test-tsan fuzz-smoke fuzz bench demo power clean
+.PHONY: all deps build test test-unit test-asan test-tsan fuzz-smoke fuzz bench demo power power-update clean
 
 all: build
 
@@ -45,9 +45,13 @@ test: test-unit test-asan test-tsan fuzz-smoke
 bench: build
 	bench/run.sh
 
-# What the sample policies save: trace replays against the simulator's radio model.
+# What the sample policies save: trace replays against the simulator's radio model, into
+# build/power/POWER.md; power-update rewrites the tracked bench/POWER.md instead.
 power: build
 	scripts/power.sh
+
+power-update: build
+	scripts/power.sh --out bench/POWER.md
 
 demo: build
 	scripts/demo.sh

@@ -4,12 +4,15 @@
 #include <cutils/properties.h>
 #include <getopt.h>
 #include <signal.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -34,15 +37,76 @@ const char kUsage[] =
     "\n"
     "The modem is the simulator (modemsim serve) at $TOV_SIM_SOCKET, by default\n"
     "/tmp/modemsim.sock; without it, start-up retries for 63 seconds.\n"
-    "SIGUSR1 (noxctl dump) writes the daemon's state to its log at info level.\n";
+    "SIGUSR1 (noxctl dump) writes the daemon's state to its log at info level.\n"
+    "SIGTERM (or SIGINT) stops it at any time: the plug-ins' stop hooks run, the modem\n"
+    "clients are released and the socket file of --socket is removed.\n";
 
-std::atomic<bool> gConstructed{false};
-std::atomic<bool> gTermDuringStart{false};
+// A stop that the modem keeps from ending (its calls wait for their timeouts) ends here.
+constexpr unsigned kStopGraceSeconds = 2;
 
+std::atomic<bool> gStop{false};
+int gStopFd = -1;  // an eventfd the SIGTERM handler makes readable
+
+// Any thread may take SIGTERM: the handler only wakes the loop (or the start-up wait)
+// and bounds the time the normal stop may take.
 void onTerm(int) {
-  // During construction, let it finish; main() then exits cleanly.
-  if (gConstructed) _exit(0);
-  gTermDuringStart = true;
+  const int savedErrno = errno;
+  if (gStopFd < 0) _exit(0);
+  if (!gStop.exchange(true)) alarm(kStopGraceSeconds);
+  const uint64_t one = 1;
+  if (write(gStopFd, &one, sizeof(one)) < 0) {
+  }
+  errno = savedErrno;
+}
+
+void onStopOverdue(int) {
+  static const char kMessage[] = "noxd: the stop did not end in time, exiting without it\n";
+  if (write(STDERR_FILENO, kMessage, sizeof(kMessage) - 1) < 0) {
+  }
+  _exit(0);
+}
+
+// The start-up retries' wait: cut short, with the seconds asked for, by SIGTERM.
+unsigned int startupSleep(unsigned int seconds) {
+#ifndef __ANDROID__
+  static bool named = false;
+  if (!named) {
+    const char* sim = getenv("TOV_SIM_SOCKET");
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON,
+            "no modem at %s (TOV_SIM_SOCKET): is the simulator running (modemsim serve)?",
+            sim != nullptr && *sim != '\0' ? sim : "/tmp/modemsim.sock");
+    named = true;
+  }
+#endif
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  for (;;) {
+    if (gStop) return seconds;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return 0;
+    pollfd stop = {gStopFd, POLLIN, 0};
+    poll(&stop, 1, static_cast<int>(left.count()));
+  }
+}
+
+// The host's control socket file, as created, so that the stop removes only that one.
+const char* gSocketPath = nullptr;
+struct stat gSocketFile;
+
+// The normal stop: the Nox's destructor runs the plug-ins' stop hooks and releases the
+// modem; nothing else needs tearing down before the process ends.
+[[noreturn]] void stopNormally(Nox* nox) {
+  delete nox;
+  struct stat now;
+  if (gSocketPath != nullptr && lstat(gSocketPath, &now) == 0 && now.st_ino == gSocketFile.st_ino &&
+      now.st_dev == gSocketFile.st_dev)
+    unlink(gSocketPath);
+  _exit(0);
+}
+
+void onStopRequest(int, void* data) {
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "SIGTERM or SIGINT: stopping");
+  stopNormally(static_cast<Nox*>(data));
 }
 
 // SIGUSR1 asks for the state dump; it is read from a signalfd on the loop thread.
@@ -78,6 +142,14 @@ std::string checkControlSocket() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  gStopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  signal(SIGALRM, onStopOverdue);
+  struct sigaction term = {};
+  term.sa_handler = onTerm;
+  term.sa_flags = SA_RESTART;
+  sigaction(SIGTERM, &term, nullptr);
+  sigaction(SIGINT, &term, nullptr);  // by hand, ^C stops it the same way
+
   static const option kOptions[] = {
       {"socket", required_argument, nullptr, 's'},  {"props", required_argument, nullptr, 'p'},
       {"log-level", required_argument, nullptr, 'l'}, {"plugin-dir", required_argument, nullptr, 'd'},
@@ -117,10 +189,10 @@ int main(int argc, char** argv) {
   std::string error = hostinit::useProperties(propsFile);
   if (error.empty() && socketPath != nullptr) error = hostinit::createControlSocket(socketPath);
   if (!error.empty()) return fail(error);
+  if (socketPath != nullptr && lstat(socketPath, &gSocketFile) == 0) gSocketPath = socketPath;
 #endif
   const std::string socketError = checkControlSocket();
   if (!socketError.empty()) return fail(socketError);
-  signal(SIGTERM, onTerm);
 
   // The daemon's own threshold filters; liblog passes whatever reaches it.
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
@@ -137,8 +209,8 @@ int main(int argc, char** argv) {
   sigaddset(&dump, SIGUSR1);
   pthread_sigmask(SIG_BLOCK, &dump, nullptr);
 
-  static Nox nox;
-  gConstructed = true;
+  NoxTov::sleepSeconds = startupSleep;
+  Nox* const nox = new Nox();  // ends in stopNormally()
 #ifndef __ANDROID__
   if (hostinit::stopRequested()) {
     char mask[PROPERTY_VALUE_MAX];
@@ -147,11 +219,12 @@ int main(int argc, char** argv) {
                                   : std::string("is unset");
     fprintf(stderr, "noxd: no feature is on (persist.nox.feature %s %s): stopping, as init does "
             "on ctl.stop\n", value.c_str(), hostinit::propertySource().c_str());
-    return 0;
+    stopNormally(nox);
   }
 #endif
-  if (gTermDuringStart) return 0;
+  if (gStop) onStopRequest(gStopFd, nox);
+  nox->com.addComEventHandler(gStopFd, onStopRequest, nox, nullptr, EPOLLIN);
   const int dumpFd = signalfd(-1, &dump, SFD_NONBLOCK | SFD_CLOEXEC);
-  if (dumpFd >= 0) nox.com.addComEventHandler(dumpFd, onDumpRequest, &nox, nullptr, EPOLLIN);
-  nox.run();
+  if (dumpFd >= 0) nox->com.addComEventHandler(dumpFd, onDumpRequest, nox, nullptr, EPOLLIN);
+  nox->run();
 }

@@ -11,11 +11,12 @@
 #
 #   scripts/power.sh [--speed F] [--out FILE] [TRACE...]
 #
-# Defaults: speed 200, report bench/POWER.md, every bench/traces/*.trace and twelve
-# generated traces (scripts/gentrace.py: six nights, six mixed days); with QUICK=1 in
-# the environment the shipped traces only. Every duration is divided by the speed: the
-# traces, the simulator's timers (modemsim serve --speed) and the plug-ins' grace
-# periods; the figures are in trace time. The binaries come from $NOX_BUILD_DIR
+# Defaults: speed 200, report $NOX_BUILD_DIR/power/POWER.md (make power-update writes the
+# tracked bench/POWER.md), every bench/traces/*.trace and twelve generated traces
+# (scripts/gentrace.py: six nights, six mixed days); with QUICK=1 in the environment the
+# shipped traces only. Every duration is divided by the speed: the traces, the
+# simulator's timers (modemsim serve --speed) and the plug-ins' grace periods; the
+# figures are in trace time. The binaries come from $NOX_BUILD_DIR
 # (default build). Needs root, for the namespaces.
 set -euo pipefail
 self=$(realpath "$0")
@@ -91,7 +92,7 @@ if [ "${1:-}" = --run ]; then
 fi
 
 speed=200
-out=bench/POWER.md
+out=$build/power/POWER.md
 command="${QUICK:+QUICK=1 }scripts/power.sh${*:+ $*}"
 traces=()
 while [ $# -gt 0 ]; do

@@ -42,13 +42,16 @@ std::unique_ptr<Nox> makeNox(const char* mask, const char* pluginSubdir = "full"
   return std::make_unique<Nox>();
 }
 
-// Lines that tell what start-up decided: plug-in entries run, plug-in warnings, stop.
+// What start-up decided: entries run, loads, refusals, warnings, stop (plug-in dir: DIR).
 std::vector<std::string> startupLines(const LogCapture& log) {
   std::vector<std::string> out;
-  for (const auto& l : log.lines())
+  for (auto l : log.lines()) {
+    for (size_t at; (at = l.text.find(NOX_TEST_PLUGIN_DIR)) != std::string::npos;)
+      l.text.replace(at, strlen(NOX_TEST_PLUGIN_DIR), "DIR");
     if (l.text.rfind("|TEST| ", 0) == 0 || l.text.find("failed!!") != std::string::npos ||
-        l.text.find("shutting down") != std::string::npos)
+        l.text.find("shutting down") != std::string::npos || l.text.find("DIR") != std::string::npos)
       out.push_back(l.text);
+  }
   return out;
 }
 
@@ -64,12 +67,23 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
       {"0", "full", false, false, true, 0,
        {"|COMMON| None of the nox feature enabled, noxd shutting down"}},
       {"4", "full", false, false, false, 0, {}},
-      {"3", "full", true, true, false, 2, {"|TEST| init_fd_mgr called", "|TEST| init_ct_mgr called"}},
+      {"3", "full", true, true, false, 2,
+       {"|COMMON| loaded fdmgr from DIR/full/libnoxfdmgr.so", "|TEST| init_fd_mgr called",
+        "|COMMON| loaded ctmgr from DIR/full/libnoxctmgr.so", "|TEST| init_ct_mgr called"}},
       // A missing first plug-in does not keep the second from loading.
       {"0x3", "ctonly", false, true, false, 1,
-       {"|COMMON| loading fdmgr lib failed!!", "|TEST| init_ct_mgr called"}},
+       {"|COMMON| loading fdmgr lib failed!!",
+        "|COMMON|     DIR/ctonly/libnoxfdmgr.so: cannot open shared object file: No such file or "
+        "directory",
+        "|COMMON| loaded ctmgr from DIR/ctonly/libnoxctmgr.so",
+        "|TEST| init_ct_mgr called"}},
       // Without its entry the plug-in stays open.
-      {"1", "noentry", true, false, false, 0, {"|COMMON| init fdmgr failed!!"}},
+      {"1", "noentry", true, false, false, 0,
+       {"|COMMON| init fdmgr failed!!",
+        "|COMMON|     DIR/noentry/libnoxfdmgr.so: undefined symbol: init_fd_mgr"}},
+      {"1", "oldkit", false, false, false, 0,
+       {"|COMMON| refusing fdmgr: DIR/oldkit/libnoxfdmgr.so was built for plug-in interface 99, "
+        "this noxd has 1"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string("mask ") + c.mask + ", plug-ins " + c.dir);
@@ -87,9 +101,10 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
               log.matching("NoxConfig::isEnabled: feature"));
     // Each entry got this Nox and registered on its dispatcher, after the data state manager.
     EXPECT_EQ(1u + c.entriesRun, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
-    nox->deinitFdMgr();
-    nox->deinitCtMgr();
-    EXPECT_EQ(nullptr, nox->fdMgrHandle);
+    log.clear();
+    nox->dumpState();  // lists both slots
+    EXPECT_EQ(2, log.count("|COMMON|   plug-in "));
+    EXPECT_EQ(2 - c.entriesRun, static_cast<unsigned>(log.count(": not loaded")));
   }
 }
 

@@ -1,11 +1,14 @@
 // noxctl: talks to noxd over its control socket, for people and scripts.
 
+#include <limits.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +26,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitTimedOut = 2;
 constexpr int kExitRefused = 3;
+constexpr int kInfoLevel = 2;  // the state dump's log level
 
 const char kUsage[] =
     "usage: noxctl [--socket PATH] [--timeout MS] COMMAND [ARGS...]\n"
@@ -36,29 +40,36 @@ const char kUsage[] =
     "\n"
     "Commands:\n"
     "  init-done                  announce this connection as the framework client\n"
-    "  feature get ID             ask for the status of feature ID; prints\n"
-    "                             \"feature ID status S\"\n"
-    "  feature set ID STATUS      set the preference of feature ID; prints\n"
-    "                             \"feature ID status S result R\" (R 0 means accepted)\n"
+    "  feature get ID             ask for the status of feature ID (0 descriptor manager,\n"
+    "                             1 connection tracking, 2 NSRM); prints\n"
+    "                             \"feature ID status S\": for NSRM S is 1 to 3 as stored,\n"
+    "                             1 also when NSRM is off; other features answer 1\n"
+    "  feature set ID STATUS      set the preference of feature ID (NSRM: STATUS 1 to 3);\n"
+    "                             prints \"feature ID status S result R\" (R 0 accepted,\n"
+    "                             -2 refused)\n"
     "  wlan TYPE STATUS SOFTAP    Wi-Fi state, or with --type N --status N --softap N\n"
-    "                             (unset numbers are 0)\n"
+    "                             (unset numbers are 0): STATUS 1 connected, 0 connecting;\n"
+    "                             SOFTAP 1 on, 0 off; TYPE is passed on as it is\n"
     "  wwan [OPTIONS]             mobile data state of one connection:\n"
     "                             --type N --status N --nw-type N --roaming N --apn N\n"
     "                             --ipv4 ADDR --iface NAME --ipv6 ADDR --iface-v6 NAME\n"
     "                             --mccmnc DIGITS\n"
-    "                             (--status defaults to 1, connected; other numbers to 0,\n"
-    "                             texts to empty)\n"
-    "  screen N                   screen state\n"
-    "  tethering N                tethering state\n"
-    "  nsrm-bkg N...              background event state (1 to 100 numbers)\n"
-    "  nsrm-config N...           NSRM configuration (1 to 100 numbers)\n"
+    "                             --status: 0 connecting, 1 connected (the default),\n"
+    "                             2 suspended, 3 disconnecting, 4 disconnected;\n"
+    "                             --roaming 1 roaming, 0 home; other numbers default to\n"
+    "                             0, texts to empty\n"
+    "  screen N                   screen state: 1 on, 0 off\n"
+    "  tethering N                tethering state: 1 on, 0 off\n"
+    "  nsrm-bkg N...              background event state (1 to 100 numbers, passed on)\n"
+    "  nsrm-config N...           NSRM configuration (1 to 100 numbers, passed on)\n"
     "  apps add|remove ENTRY...   application list change; ENTRY is UID:PKG[:HEX[:HEX...]]\n"
     "                             (e.g. 10050:com.a:1f:2a)\n"
     "  raw ID [N...]              message ID with the numbers N as its payload\n"
     "  listen                     act as the framework client and print each message noxd\n"
     "                             sends, one line each, until the connection ends\n"
-    "  dump                       have noxd write its state to its log (SIGUSR1 to the\n"
-    "                             process serving the socket)\n"
+    "  dump                       have noxd write its state to its log at info level\n"
+    "                             (SIGUSR1 to the process serving the socket); says where\n"
+    "                             the log goes, or that noxd's log threshold hides it\n"
     "\n"
     "Numbers are decimal or 0x-prefixed hexadecimal, 32 bits.\n"
     "A message is only taken as sent once noxd has read it.\n"
@@ -193,6 +204,41 @@ int runListen(const Options& opt) {
   }
 }
 
+// The words of /proc/PID/FILE split at NUL bytes (cmdline, environ), or none.
+std::vector<std::string> procWords(int pid, const char* file) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/" + file);
+  std::vector<std::string> words;
+  for (std::string w; std::getline(in, w, '\0');) words.push_back(w);
+  return words;
+}
+
+// The value of noxd's option `name` (--name VALUE or --name=VALUE), or "".
+std::string optionValue(const std::vector<std::string>& words, const std::string& name) {
+  for (size_t i = 1; i < words.size(); ++i) {
+    if (words[i] == name && i + 1 < words.size()) return words[i + 1];
+    if (words[i].compare(0, name.size() + 1, name + "=") == 0) return words[i].substr(name.size() + 1);
+  }
+  return "";
+}
+
+// noxd's log threshold: its --log-level, else persist.nox.loglevel in its property file
+// (unset reads as 0); -1 when this cannot tell.
+int logThreshold(int pid) {
+  const std::vector<std::string> words = procWords(pid, "cmdline");
+  const std::string level = optionValue(words, "--log-level");
+  if (!level.empty()) return atoi(level.c_str());
+  std::string props = optionValue(words, "--props");
+  for (const std::string& v : procWords(pid, "environ"))
+    if (props.empty() && v.compare(0, 18, "NOX_PROPERTY_FILE=") == 0) props = v.substr(18);
+  if (props.empty()) return -1;
+  if (props[0] != '/') props = "/proc/" + std::to_string(pid) + "/cwd/" + props;
+  std::ifstream in(props);
+  if (!in) return -1;
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, 21, "persist.nox.loglevel=") == 0) return atoi(line.c_str() + 21);
+  return 0;
+}
+
 // The daemon's pid from the socket's credentials; the signal does the rest.
 int runDump(const Options& opt) {
   Connection conn;
@@ -200,12 +246,22 @@ int runDump(const Options& opt) {
   Result r = conn.open(opt.socketPath, Deadline::after(opt.timeoutMs));
   if (r == Result::kOk) r = conn.peerPid(&pid);
   if (r != Result::kOk) return report(r, conn);
-  if (kill(pid, SIGUSR1) != 0) {
-    fprintf(stderr, "noxctl: cannot signal noxd (pid %d): %s\n", pid, strerror(errno));
+  const int threshold = logThreshold(pid);
+  if (threshold > kInfoLevel) {
+    fprintf(stderr, "noxd (pid %d) logs from level %d on: its state, at info level (%d), would not "
+            "show; start it with --log-level %d or lower (or persist.nox.loglevel)\n", pid,
+            threshold, kInfoLevel, kInfoLevel);
     return kExitFailed;
   }
-  printf("noxd (pid %d) writes its state to its log at info level: standard error on the host,\n"
-         "logcat on a device\n", pid);
+  if (kill(pid, SIGUSR1) != 0) {
+    fprintf(stderr, "noxd (pid %d) cannot be signalled: %s\n", pid, strerror(errno));
+    return kExitFailed;
+  }
+  char target[PATH_MAX] = "";
+  const std::string err = "/proc/" + std::to_string(pid) + "/fd/2";
+  if (readlink(err.c_str(), target, sizeof(target) - 1) < 0) snprintf(target, sizeof(target), "?");
+  printf("noxd (pid %d) writes its state to its log at info level: its standard error (%s)%s\n", pid,
+         target, threshold < 0 ? "; its log threshold is unknown here: above 2 hides it" : "");
   return kExitOk;
 }
 

@@ -7,6 +7,14 @@
 extern "C" {
 #endif
 
+// The modem vendor's diagnostic channel, as the framework's log uses it (the
+// NoxLogDiag channel): one function, msg_sprintf, given a static descriptor and the
+// finished line as the argument of the descriptor's format "%s". A device provides it
+// in the vendor's libdiag; the device build does not compile platform/ and finds
+// android/include/diag_channel.h instead, which includes the vendor's header and names
+// its descriptor type diag_msg_descriptor. The framework fills the fields below, in
+// this order, and reads none back.
+
 // Static descriptor of one diagnostic message, as the modem vendor's channel takes it.
 typedef struct {
   uint16_t line;
@@ -16,8 +24,9 @@ typedef struct {
   const char* fname;
 } diag_msg_descriptor;
 
-// Host stand-in of the diagnostic channel: formats with desc->fmt and writes the
-// finished line to standard error (or to the sink a test installed).
+// Writes one line on the channel: desc->fmt expanded with the arguments. Any thread; the
+// descriptor outlives the call. The host's stand-in writes the line to standard error
+// (or to the sink a test installed).
 void msg_sprintf(const diag_msg_descriptor* desc, ...);
 
 // Host only: route finished lines to `sink` instead of standard error; null restores it.

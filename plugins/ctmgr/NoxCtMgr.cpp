@@ -18,7 +18,6 @@ enum Tag { kAllowV4, kAllowV6, kReenter, kRetry };
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
-constexpr int32_t kOff = 1;  // stored screen and tethering value for "off"
 constexpr int kProtoTcp = 6;
 constexpr int kProtoUdp = 17;
 constexpr long long kMaxMs = 3600000;
@@ -56,7 +55,15 @@ void readMs(const std::string& file, const std::map<int, std::string>& values, T
 
 }  // namespace
 
+NOX_PLUGIN_DECLARE_INTERFACE_VERSION();
+
 extern "C" void init_ct_mgr(Nox* nox) { gInstance.reset(new NoxCtMgr(*nox)); }
+
+extern "C" void nox_plugin_stop(Nox*) { gInstance.reset(); }
+
+extern "C" void nox_plugin_dump(Nox*) {
+  if (gInstance) gInstance->dump();
+}
 
 NoxCtMgr::NoxCtMgr(Nox& nox) : nox_(nox) {
   readSettings();
@@ -147,7 +154,8 @@ bool NoxCtMgr::parseAllowList(const char* tag, const std::string& text, uint16_t
 }
 
 bool NoxCtMgr::filtering() const {
-  return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
+  return nox_.dsm.getScreenState() == NOX_SCREEN_OFF &&
+         nox_.dsm.getTetheringState() == NOX_TETHERING_OFF;
 }
 
 bool NoxCtMgr::connected(const std::string& iface) const {

@@ -28,10 +28,6 @@
 //     mode off), and a warning says so.
 // `noxctl dump` shows both columns per interface and family.
 //
-// Screen and tethering values: see NoxDsm.h for the stored values; this sample takes a
-// stored 1 as "off" for both, which matches the framework's start values (screen on,
-// tethering off).
-//
 // Settings, in a tagged file (default /system/vendor/etc/noxctmgr.conf, on the host
 // $NOX_CTMGR_CONFIG):
 //   allow_v4:tcp/5228 udp/53   downlink IPv4 packets from these remote ports pass
@@ -53,7 +49,7 @@
 #include <map>
 #include <string>
 
-#include "Nox.h"
+#include "NoxPlugin.h"
 
 class NoxCtMgr {
  public:

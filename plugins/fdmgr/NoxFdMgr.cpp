@@ -17,7 +17,6 @@ constexpr int kMaxRetries = 6;
 const NoxDsmEvent kEvents[] = {NOX_DSM_SCREEN_STATE_CHANGE_EVENT,
                                NOX_DSM_TETHERING_STATE_CHANGE_EVENT,
                                NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT};
-constexpr int32_t kOff = 1;  // stored screen and tethering value for "off"
 constexpr long long kMaxGraceMs = 3600000;
 
 // The one instance; unloading the plug-in destroys it.
@@ -55,7 +54,15 @@ void readMs(const std::string& file, const std::map<int, std::string>& values, T
 
 }  // namespace
 
+NOX_PLUGIN_DECLARE_INTERFACE_VERSION();
+
 extern "C" void init_fd_mgr(Nox* nox) { gInstance.reset(new NoxFdMgr(*nox)); }
+
+extern "C" void nox_plugin_stop(Nox*) { gInstance.reset(); }
+
+extern "C" void nox_plugin_dump(Nox*) {
+  if (gInstance) gInstance->dump();
+}
 
 NoxFdMgr::NoxFdMgr(Nox& nox) : nox_(nox) {
   readSettings();
@@ -105,7 +112,8 @@ void NoxFdMgr::readSettings() {
 }
 
 bool NoxFdMgr::screenAndTetheringOff() const {
-  return nox_.dsm.getScreenState() == kOff && nox_.dsm.getTetheringState() == kOff;
+  return nox_.dsm.getScreenState() == NOX_SCREEN_OFF &&
+         nox_.dsm.getTetheringState() == NOX_TETHERING_OFF;
 }
 
 bool NoxFdMgr::connected(const std::string& iface) const {
@@ -172,7 +180,7 @@ void NoxFdMgr::arm(Port& p, long long delayMs, bool afterTraffic) {
   p.timerId = nox_.timer.addTimedCallback(delayMs, onGraceOver, &p);
   p.afterTraffic = afterTraffic;
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen %s, tethering off: %s dormant %sin %lld ms",
-          nox_.dsm.getScreenState() == kOff ? "off" : "on", p.iface.c_str(),
+          nox_.dsm.getScreenState() == NOX_SCREEN_OFF ? "off" : "on", p.iface.c_str(),
           afterTraffic ? "again " : "", delayMs);
 }
 
@@ -187,7 +195,7 @@ int NoxFdMgr::onGraceOver(void* data) {
   NoxFdMgr* mgr = p.mgr;
   p.timerId = -1;
   // Armed with the screen off, or on by the learner; screen on cancels the former.
-  if (mgr->nox_.dsm.getTetheringState() != kOff || !mgr->connected(p.iface)) return -1;
+  if (mgr->nox_.dsm.getTetheringState() != NOX_TETHERING_OFF || !mgr->connected(p.iface)) return -1;
   if (p.retries > 0)
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "%s: asking the modem to go dormant again (try %d)",
             p.iface.c_str(), p.retries + 1);
@@ -223,7 +231,7 @@ void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self
   const auto it = mgr->ports_.find(info->iface);
   if (it == mgr->ports_.end()) return;
   Port& p = it->second;
-  const bool screenOn = mgr->nox_.dsm.getScreenState() != kOff;
+  const bool screenOn = mgr->nox_.dsm.getScreenState() != NOX_SCREEN_OFF;
   if (info->status == 0) {
     p.learner.dormant(nowMs(), p.asked, screenOn);
     p.asked = false;
@@ -233,7 +241,7 @@ void NoxFdMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self
   // Traffic woke the link: it gets the learnt grace, not the network's inactivity
   // timer. A pending request keeps its own time.
   const long long grace = p.learner.woke(nowMs(), screenOn);
-  if (grace < 0 || p.timerId != -1 || mgr->nox_.dsm.getTetheringState() != kOff) return;
+  if (grace < 0 || p.timerId != -1 || mgr->nox_.dsm.getTetheringState() != NOX_TETHERING_OFF) return;
   mgr->arm(p, grace, true);
 }
 

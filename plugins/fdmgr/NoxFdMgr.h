@@ -20,10 +20,6 @@
 // too. A refused request is retried after retry_ms, doubling, six times; then the link
 // is left active (the safe state) with a warning, until the next event.
 //
-// Screen and tethering values: see NoxDsm.h for the stored values; this sample takes a
-// stored 1 as "off" for both, which matches the framework's start values (screen on,
-// tethering off).
-//
 // Settings, in a tagged file (default /system/vendor/etc/noxfdmgr.conf, on the host
 // $NOX_FDMGR_CONFIG):
 //   grace_period_ms:5000   how long the screen stays off before the request
@@ -40,14 +36,14 @@
 //
 // To start a plug-in of your own, copy this folder, rename the class and the entry,
 // and keep the shape: the entry builds one object that subscribes on the framework's
-// dispatchers, and a static owner that takes everything back when the plug-in is
-// unloaded. Everything runs on the daemon's loop thread.
+// dispatchers, and a static owner that takes everything back when the daemon stops
+// (nox_plugin_stop) or the plug-in is unloaded. Everything runs on the daemon's loop thread.
 
 #include <map>
 #include <string>
 
 #include "GraceLearner.h"
-#include "Nox.h"
+#include "NoxPlugin.h"
 
 class NoxFdMgr {
  public:

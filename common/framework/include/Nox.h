@@ -28,6 +28,9 @@ class Nox : public INoxTimerMonitor {
   // ("ctl.stop") when no feature is on. Runs on the constructing thread, which becomes
   // the loop thread.
   Nox();
+  // The normal stop: runs the plug-ins' stop hooks in load order, unloads the plug-ins,
+  // then destroys the members (the modem clients and the library are released). Loop
+  // thread.
   ~Nox() override;
   Nox(const Nox&) = delete;
   Nox& operator=(const Nox&) = delete;
@@ -39,12 +42,13 @@ class Nox : public INoxTimerMonitor {
   void notifyDelayChange() override;
   // Writes the daemon's state to the log at info level as one block of lines: features,
   // log threshold, clients, WLAN, tethering and screen, the WWAN records, the number of
-  // applications and the modem's port trackers. Loop thread.
+  // applications, the loaded plug-ins and the modem's port trackers. Loop thread.
   void dumpState();
   // A copy of the admission list (exits the process if it cannot be copied).
   NoxPermissions getPermissions();
 
-  // Plug-in loading; a missing file or entry is logged and the daemon goes on.
+  // Plug-in loading; a missing file or entry, or a plug-in built for another interface
+  // version (NoxPlugin.h), is logged with its path and the daemon goes on.
   void initFdMgr();
   void initCtMgr();
   void deinitFdMgr();
@@ -87,7 +91,19 @@ class Nox : public INoxTimerMonitor {
   static int resumeListeningLater(void* data);
 
   [[noreturn]] static void fatal(const char* message);
-  void loadPlugin(const char* file, const char* entry, const char* name, void*& handle);
+  // What the loader knows of a plug-in: where it came from and its optional hooks.
+  struct PluginInfo {
+    explicit PluginInfo(const char* n) : name(n) {}
+    const char* name;
+    std::string path;  // empty when not loaded
+    void (*stop)(Nox*) = nullptr;
+    void (*dump)(Nox*) = nullptr;
+  };
+  void loadPlugin(const char* file, const char* entry, PluginInfo& info, void*& handle);
+  void dumpPlugins();
+
+  PluginInfo fdMgrInfo{"fdmgr"};
+  PluginInfo ctMgrInfo{"ctmgr"};
 
   int pausedListenFd = -1;
   bool outOfDescriptors = false;  // logged once for each time it happens

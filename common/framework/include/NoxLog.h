@@ -12,7 +12,8 @@ enum NoxLogLevel {
   NOX_LOG_ERROR = 4,
 };
 
-// Module codes; each carries a tag on the logcat channel.
+// Module codes; each carries a tag on the logcat channel. A plug-in without a code of
+// its own logs under a tag of its own with NOX_PLUGIN_LOG (NoxPlugin.h).
 enum NoxLogModule {
   NOX_MOD_UNTAGGED = 10400,
   NOX_MOD_COMMON = 10401,

@@ -104,7 +104,8 @@ class NoxTov {
 
   // The library handle; -1 when the library is not started.
   static int mTovHandle;
-  // Blocks for the retry delays: ::sleep, unless a test observes the delays instead.
+  // Blocks for the retry delays: ::sleep, unless the daemon or a test puts its own wait
+  // here. As ::sleep, it returns the seconds left: a wait cut short ends the retries.
   static unsigned int (*sleepSeconds)(unsigned int seconds);
 
   NoxDsm& mDsm;

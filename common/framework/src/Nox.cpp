@@ -12,13 +12,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <new>
+#include <string>
 #include <vector>
 
 #include <binder/Parcel.h>
 
 #include "NoxLog.h"
 #include "NoxParcel.h"
+#include "NoxPlugin.h"
 #include "NoxTypes.h"
 
 #ifndef NOX_PLUGIN_DIR
@@ -35,6 +38,16 @@ constexpr long long kListenRetryMs = 1000;
 void logSysError(const char* what, int err = errno) {
   NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "Error: %s", what);
   NOX_LOG(NOX_LOG_ERROR, NOX_MOD_GENERIC, "    %s (Errno %d)", strerror(err), err);
+}
+
+// dlerror()'s text, which names the file on glibc and bionic; otherwise with `path` in front.
+void logDlError(const std::string& path) {
+  const char* err = dlerror();
+  if (err == nullptr) err = "no error text";
+  if (strstr(err, path.c_str()) != nullptr)
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "    %s", err);
+  else
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "    %s: %s", path.c_str(), err);
 }
 
 // glibc rejects the flag value 0 that bionic takes for "immediate binding, local symbols".
@@ -66,6 +79,9 @@ Nox::Nox()
 }
 
 Nox::~Nox() {
+  // The hooks run before any plug-in is unloaded: one may still use what another set up.
+  for (const PluginInfo* p : {&fdMgrInfo, &ctMgrInfo})
+    if (p->stop != nullptr) p->stop(this);
   deinitFdMgr();
   deinitCtMgr();
 }
@@ -81,25 +97,41 @@ void Nox::notifyDelayChange() { com.wake(); }
 
 NoxPermissions Nox::getPermissions() { return permissions; }
 
-void Nox::loadPlugin(const char* file, const char* entry, const char* name, void*& handle) {
+void Nox::loadPlugin(const char* file, const char* entry, PluginInfo& info, void*& handle) {
   const std::string path = pluginDir + "/" + file;
   // Stored at once, null included: the entry below already finds it in the Nox.
   handle = dlopen(path.c_str(), kDlopenFlags);
   if (handle == nullptr) {
-    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "loading %s lib failed!!", name);
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "loading %s lib failed!!", info.name);
+    logDlError(path);
+    return;
+  }
+  const auto* version = static_cast<const int*>(dlsym(handle, "nox_plugin_interface_version"));
+  if (version != nullptr && *version != NOX_PLUGIN_INTERFACE_VERSION) {
+    NOX_LOG(NOX_LOG_ERROR, NOX_MOD_COMMON,
+            "refusing %s: %s was built for plug-in interface %d, this noxd has %d", info.name,
+            path.c_str(), *version, NOX_PLUGIN_INTERFACE_VERSION);
+    dlclose(handle);
+    handle = nullptr;
     return;
   }
   auto init = reinterpret_cast<void (*)(Nox*)>(dlsym(handle, entry));
   if (init == nullptr) {
-    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "init %s failed!!", name);
+    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON, "init %s failed!!", info.name);
+    logDlError(path);
     return;  // deliberately kept open, as a device build does
   }
+  info.path = path;
+  info.stop = reinterpret_cast<void (*)(Nox*)>(dlsym(handle, "nox_plugin_stop"));
+  info.dump = reinterpret_cast<void (*)(Nox*)>(dlsym(handle, "nox_plugin_dump"));
+  NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "loaded %s from %s%s", info.name, path.c_str(),
+          info.stop != nullptr ? ", with a stop hook" : "");
   init(this);
 }
 
-void Nox::initFdMgr() { loadPlugin("libnoxfdmgr.so", "init_fd_mgr", "fdmgr", fdMgrHandle); }
+void Nox::initFdMgr() { loadPlugin("libnoxfdmgr.so", "init_fd_mgr", fdMgrInfo, fdMgrHandle); }
 
-void Nox::initCtMgr() { loadPlugin("libnoxctmgr.so", "init_ct_mgr", "ctmgr", ctMgrHandle); }
+void Nox::initCtMgr() { loadPlugin("libnoxctmgr.so", "init_ct_mgr", ctMgrInfo, ctMgrHandle); }
 
 namespace {
 // bionic fails dlclose(null) harmlessly; glibc crashes on it.
@@ -109,9 +141,27 @@ void closePlugin(void*& handle) {
 }
 }  // namespace
 
-void Nox::deinitFdMgr() { closePlugin(fdMgrHandle); }
+void Nox::deinitFdMgr() {
+  closePlugin(fdMgrHandle);
+  fdMgrInfo = PluginInfo(fdMgrInfo.name);
+}
 
-void Nox::deinitCtMgr() { closePlugin(ctMgrHandle); }
+void Nox::deinitCtMgr() {
+  closePlugin(ctMgrHandle);
+  ctMgrInfo = PluginInfo(ctMgrInfo.name);
+}
+
+void Nox::dumpPlugins() {
+  for (const PluginInfo* p : {&fdMgrInfo, &ctMgrInfo}) {
+    if (p->path.empty()) {
+      NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "  plug-in %s: not loaded", p->name);
+      continue;
+    }
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_COMMON, "  plug-in %s: %s%s", p->name, p->path.c_str(),
+            p->stop != nullptr ? ", stop hook" : "");
+    if (p->dump != nullptr) p->dump(this);
+  }
+}
 
 void Nox::run() {
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_COMMON, "Starting Nox event loop");

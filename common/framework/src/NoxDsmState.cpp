@@ -147,8 +147,9 @@ void NoxDsm::handleWwanEvent(NoxWwanInfoType* info) {
 }
 
 namespace {
-// The client sends 0 for "on"; the stored values are inverted on purpose, and the
-// subscribers of both events expect them that way.
+// Deliberate: the stored screen and tethering values are the inverse of the client's
+// integer (its 1, "on", is stored as 0); plug-ins compare them with NOX_SCREEN_ON and the
+// other names of NoxPlugin.h.
 int32_t inverted(int32_t received) { return received == 0 ? 1 : 0; }
 }  // namespace
 

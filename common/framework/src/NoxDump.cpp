@@ -31,6 +31,7 @@ void Nox::dumpState() {
   const int mask = config.featureMask();
   DUMP_LINE("  features: mask 0x%x (descriptor manager %s, connection tracking %s, NSRM %s)", mask,
        mask & 1 ? "on" : "off", mask & 2 ? "on" : "off", mask & 4 ? "on" : "off");
+  dumpPlugins();
   DUMP_LINE("  log threshold: %d", NoxLog::logLevel);
   DUMP_LINE("  framework client: fd %d", NoxCom::getNoxClientFd());
   DUMP_LINE("  connected clients: %s", join(com.descriptorsServedBy(processNoxEvent)).c_str());

@@ -29,6 +29,7 @@ NoxTov::~NoxTov() {
   for (auto& entry : mDfsPortTrackers) entry.second.reset();
   mWdsPortTrackers.clear();
   mDfsPortTrackers.clear();
+  if (mTovHandle < 0) return;  // never started: nothing to release, and nothing followed
   const int rc = tov_release(mTovHandle);
   if (rc < 0) {
     NOX_LOG(NOX_LOG_ERROR, NOX_MOD_TOV, "FATAL ERROR: tov_release error, ret:%d", rc);
@@ -55,7 +56,11 @@ void NoxTov::init() {
             attempt);
     const unsigned int delay = kRetryDelays[attempt - 1];
     NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_TOV, "NoxTov::init: retry tov init in %d sec", delay);
-    sleepSeconds(delay);
+    if (sleepSeconds(delay) != 0) {
+      mTovHandle = -1;
+      NOX_LOG(NOX_LOG_INFO, NOX_MOD_TOV, "NoxTov::init: stop asked for, no more tov init attempts");
+      return;
+    }
   }
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_TOV, "TOV service initialized with client_id:%d", mTovHandle);
   mDsm.dispatcher.regEventCallback(NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT, dsmEventHandler,
