@@ -54,7 +54,10 @@ if [ "${1:-}" = --run ]; then
     wait_until grep -qF "dormancy policy ready" "$dir/noxd.log"
   fi
   replayed=0
-  "$build/tools/noxreplay" --socket "$dir/noxd.sock" --speed "$speed" "$trace" >"$result" || replayed=$?
+  # In the background, so that a SIGTERM from the caller's exit stops this run at once.
+  "$build/tools/noxreplay" --socket "$dir/noxd.sock" --speed "$speed" "$trace" >"$result" &
+  pids+=($!)
+  wait $! || replayed=$?
   # The run's logs stay beside the build, named after the result.
   mkdir -p "$build/power"
   cp "$dir/noxd.log" "$build/power/$(basename "$result").noxd.log"
@@ -146,6 +149,7 @@ for trace in "${traces[@]}"; do
   for mask in 4 7; do
     "$self" --run "$trace" "$mask" "$speed" "$dir/$(basename "$trace").$mask" &
     runs+=($!)
+    pids+=($!)
   done
 done
 for run in "${runs[@]}"; do wait "$run"; done
