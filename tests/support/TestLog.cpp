@@ -28,14 +28,14 @@ LogCapture::~LogCapture() {
   sink_ = nullptr;
 }
 
-int LogCapture::record(int priority, const char* /*tag*/, const char* format, ...) {
+int LogCapture::record(int priority, const char* tag, const char* format, ...) {
   char text[1024];
   va_list args;
   va_start(args, format);
   vsnprintf(text, sizeof(text), format, args);
   va_end(args);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (sink_ != nullptr) sink_->push_back({priority, text});
+  if (sink_ != nullptr) sink_->push_back({priority, text, tag != nullptr ? tag : ""});
   return 0;
 }
 
@@ -56,10 +56,7 @@ bool LogCapture::has(const std::string& text) const {
 }
 
 int LogCapture::count(const std::string& needle) const {
-  int n = 0;
-  for (const Line& l : lines())
-    if (l.text.find(needle) != std::string::npos) ++n;
-  return n;
+  return static_cast<int>(matching(needle).size());
 }
 
 std::vector<std::string> LogCapture::matching(const std::string& needle) const {

@@ -8,13 +8,13 @@
 #include "NoxLog.h"
 
 // Captures the log: installs a NoxLogAdb whose log-print function records
-// (priority, text) and lowers the threshold to verbose; restores both on destruction.
-// Thread-safe: lines may come from any thread.
+// (priority, text, tag) and lowers the threshold to verbose; restores both on
+// destruction. Thread-safe: lines may come from any thread.
 class LogCapture {
  public:
   struct Line {
     int priority;
-    std::string text;
+    std::string text, tag;
   };
 
   LogCapture();
