@@ -114,10 +114,7 @@ start_server() {
   say "bench/run.sh: $name did not start listening on $path"
   exit 1
 }
-stop_server() {
-  kill -TERM "$1" 2>/dev/null || true
-  wait "$1" 2>/dev/null || true
-}
+stop_server() { stop_pids "$1" || say "bench/run.sh: $1 ignored SIGTERM and was killed"; }
 
 started_at=$(date +%s)
 load_at_start=$(cut -d' ' -f1-3 /proc/loadavg)

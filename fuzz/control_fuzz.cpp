@@ -1,7 +1,9 @@
 // Arbitrary bytes from a connected client of a real noxd loop: the record stream,
 // parcelAndDispatch, every decoder and every command handler run on them, with the
 // data state manager, the modem controller (against the simulator, served from a
-// thread of this process) and the sample plug-ins behind them.
+// thread of this process) and the sample plug-ins behind them. What the decoders hand
+// the handlers is checked: every text ends inside its field, an application list holds at
+// most NOX_MAX_APPLIST_SIZE entries, in uid order.
 
 #include <cutils/properties.h>
 #include <cutils/record_stream.h>
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -20,6 +23,26 @@
 namespace {
 
 void discardLine(const diag_msg_descriptor*, const char*) {}
+
+template <size_t N>
+void checkTerminated(const char (&field)[N]) {
+  if (memchr(field, '\0', N) == nullptr) abort();
+}
+void checkWwan(NoxMsgEnumType, const void* data, void*) {
+  const NoxWwanInfoType& w = *static_cast<const NoxWwanInfoType*>(data);
+  checkTerminated(w.ipV4), checkTerminated(w.ifaceV4), checkTerminated(w.ipV6);
+  checkTerminated(w.ifaceV6), checkTerminated(w.mccmnc);
+}
+void checkApps(NoxMsgEnumType, const void* data, void*) {
+  const NoxAppInfoMsgDataType& m = *static_cast<const NoxAppInfoMsgDataType*>(data);
+  if (m.numApps > NOX_MAX_APPLIST_SIZE || m.apps.size() > m.numApps) abort();
+  uint32_t lastUid = 0;
+  for (const NoxAppInfoType& a : m.apps) {
+    checkTerminated(a.pkg_name), checkTerminated(a.app_name);
+    if (a.uid < lastUid) abort();
+    lastUid = a.uid;
+  }
+}
 
 Nox* start() {
   msg_host_set_sink(discardLine);
@@ -37,7 +60,10 @@ Nox* start() {
   property_host_reset();
   property_set("persist.nox.feature", "7");
   Nox::pluginDir = NOX_FUZZ_PLUGIN_DIR;
-  return new Nox();
+  Nox* const nox = new Nox();
+  nox->dispatcher.regEventCallback(NOX_S_NOTIFY_WWAN_STATE_CHG, checkWwan, nullptr);
+  nox->dispatcher.regEventCallback(NOX_S_NOTIFY_APP_INFO_LIST_CHG, checkApps, nullptr);
+  return nox;
 }
 
 }  // namespace

@@ -119,7 +119,7 @@ done
 step "9. with no feature on, noxd asks init to stop it (ctl.stop), and stops"
 echo "persist.nox.feature=0" >"$dir/stop.prop"
 status=0
-"$noxd" --socket "$dir/stop.sock" --props "$dir/stop.prop" --log-level 2 2>"$dir/stop.log" || status=$?
+timeout 10 "$noxd" --socket "$dir/stop.sock" --props "$dir/stop.prop" --log-level 2 2>"$dir/stop.log" || status=$?
 grep -E "shutting down|stopped" "$dir/stop.log" | sed 's/^NOX . [0-9-]* [0-9:.]* *[0-9]* *[0-9]* //; s/^/         /'
 
 echo "         exit status $status; $(grep ctl.stop "$dir/stop.prop")"

@@ -26,14 +26,17 @@ fuzz() {
   return "$status"
 }
 
+# The targets that have a source (a build directory may hold one whose source is gone).
+targets=()
+for src in fuzz/*_fuzz.cpp; do targets+=("build-fuzz/fuzz/$(basename "$src" .cpp)"); done
 mode=${1:-smoke}
 case "$mode" in
   smoke)
-    for t in build-fuzz/fuzz/*_fuzz; do fuzz "$t" -runs=20000 -max_total_time=20; done
+    for t in "${targets[@]}"; do fuzz "$t" -runs=20000 -max_total_time=20; done
     ;;
   all)
     seconds=${2:-300}
-    for t in build-fuzz/fuzz/*_fuzz; do fuzz "$t" -max_total_time="$seconds" -print_final_stats=1; done
+    for t in "${targets[@]}"; do fuzz "$t" -max_total_time="$seconds" -print_final_stats=1; done
     ;;
   run)
     shift

@@ -1,13 +1,30 @@
 # Shared by the demo and the end-to-end test scripts: processes that are stopped on
 # exit, waits with a bound, and the simulator and the daemon started the same way.
-# Source it after `set -euo pipefail`; it sets $dir (removed on exit) and $pids.
+# Source it after `set -euo pipefail`; it sets $dir (removed on exit) and $pids: every
+# process started in the background goes into $pids, so that the exit stops it.
 
 dir=$(mktemp -d /tmp/noxd-run.XXXXXX)
 pids=()
+
+# Stops the processes "$@" that this script started: SIGTERM, SIGKILL to those still
+# running 10 s later, then reaps them. Returns 1 when one needed SIGKILL. It waits only
+# for the processes it signalled: a bare `wait` would also wait for any it forgot.
+stop_pids() {
+  [ $# -gt 0 ] || return 0
+  local p live end=$((SECONDS + 10))
+  kill "$@" 2>/dev/null || true
+  while :; do
+    live=
+    for p in "$@"; do kill -0 "$p" 2>/dev/null && live=1; done
+    [ -n "$live" ] && [ "$SECONDS" -lt "$end" ] || break
+    sleep 0.05
+  done
+  [ -n "$live" ] && kill -KILL "$@" 2>/dev/null
+  wait "$@" 2>/dev/null || true
+  [ -z "$live" ]
+}
 nox_cleanup() {
-  local p
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-  wait 2>/dev/null || true
+  stop_pids "${pids[@]}" || true
   rm -rf "$dir"
 }
 trap nox_cleanup EXIT
@@ -24,14 +41,14 @@ in_private_netns() {
   NOX_IN_NETNS=1 exec unshare --net "$0" "$@"
 }
 
-# Runs "$@" until it succeeds, for at most 10 s.
+# Runs the command "$@" until it succeeds, for at most 10 s. Pass a command or a function
+# that looks again each time, never a test of a "$(...)" expanded once before the wait.
 wait_until() {
-  local _
-  for _ in $(seq 1 200); do
-    "$@" >/dev/null 2>&1 && return 0
+  local end=$((SECONDS + 10))
+  until "$@" >/dev/null 2>&1; do
+    [ "$SECONDS" -lt "$end" ] || return 1
     sleep 0.05
   done
-  return 1
 }
 
 # The modem simulator on $dir/modemsim.sock, which the library then finds.

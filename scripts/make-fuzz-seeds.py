@@ -70,17 +70,6 @@ def control_seeds(tmp):
         t.join()
         server.close()
         save("control_fuzz", "%02d-%s" % (i, cmd[0]), bytes(received))
-        # The payload after length, id and token, for the decoders.
-        for n, record in enumerate(records(bytes(received))):
-            if len(record) > 8:
-                save("parcel_fuzz", "%02d-%s-%d" % (i, cmd[0], n), record[8:])
-
-
-def records(data):
-    while len(data) >= 4:
-        (length,) = struct.unpack(">I", data[:4])
-        yield data[4:4 + length]
-        data = data[4 + length:]
 
 
 class Proxy:

@@ -70,7 +70,10 @@ if [ "${1:-}" = --run ]; then
   all_ready() { [ "$(find "$NOX_POWER_READY" -type f | wc -l)" -ge "$NOX_POWER_RUNS" ]; }
   for _ in 1 2 3 4 5 6; do wait_until all_ready && break; done
   replayed=0
-  "$build/tools/noxreplay" --socket "$dir/noxd.sock" --speed "$speed" "$trace" >"$result" || replayed=$?
+  # In the background, so that a SIGTERM from the caller's exit stops this run at once.
+  "$build/tools/noxreplay" --socket "$dir/noxd.sock" --speed "$speed" "$trace" >"$result" &
+  pids+=($!)
+  wait $! || replayed=$?
   # The run's logs stay beside the build, named after the result.
   mkdir -p "$build/power"
   cp "$dir/noxd.log" "$build/power/$(basename "$result").noxd.log"
@@ -282,8 +285,10 @@ for trace in "${all[@]}"; do
   result=$dir/$(basename "$trace")
   "$self" --run "$trace" 4 "$speed" "$result.4" &
   runs+=($!)
+  pids+=($!)
   "$self" --run "$trace" 7 "$speed" "$result.7" "$result.4" &
   runs+=($!)
+  pids+=($!)
 done
 status=0
 for run in "${runs[@]}"; do wait "$run" || status=1; done

@@ -51,8 +51,9 @@ cases=(
 for c in "${cases[@]}"; do
   IFS='|' read -r want text envs args <<<"$c"
   status=0
+  # Bounded: a refusal that regressed into a serving daemon fails here (status 124).
   # shellcheck disable=SC2086
-  env $envs "$noxd" --log-level 4 $args </dev/null 2>"$dir/err" || status=$?
+  env $envs timeout 10 "$noxd" --log-level 4 $args </dev/null 2>"$dir/err" || status=$?
   [ "$status" = "$want" ] && [ "$(wc -l <"$dir/err")" -eq 1 ] && grep -qF -- "$text" "$dir/err" ||
     fail "noxd $envs $args: exit $status, said: $(cat "$dir/err")"
 done
@@ -64,7 +65,7 @@ echo "persist.nox.feature=4" >"$dir/prop"
 pids+=($!)
 wait_log "Control socket is ready"
 # A second daemon on the same path leaves the live one alone.
-"$noxd" --socket "$dir/sock" --log-level 4 2>"$dir/err" && fail "a second noxd started"
+timeout 10 "$noxd" --socket "$dir/sock" --log-level 4 2>"$dir/err" && fail "a second noxd started"
 grep -qxF "noxd: another daemon serves $dir/sock" "$dir/err" || fail "second noxd said: $(cat "$dir/err")"
 
 # Each command as the daemon decodes it: its bytes are right when the values come out.

@@ -69,9 +69,10 @@ TEST_F(ParcelCodecTest, WwanStringMustBeStrictlyShorterThanItsField) {
       logged("     data: type:1 status:2 nwType:13 roaming:0 apn:5 ipV4:10.0.0.1 "
              "ifaceV4:mdlnk_modem0123 ipV6:fe80::1 ifaceV6: mccmnc = 310260"));
 
-  // An unpaired surrogate is left out; the rest converts, terminated.
-  decode(wwan({u"", u"md\xd800x", u"", u"", u""}), info);
+  // An unpaired surrogate is left out; a pair is one character; the rest converts.
+  decode(wwan({u"", u"md\xd800x", u"\U0001F600", u"", u""}), info);
   EXPECT_STREQ("mdx", info.ifaceV4);
+  EXPECT_STREQ("\xf0\x9f\x98\x80", info.ipV6);
 
   // 15 units of U+00E9 are 30 bytes of UTF-8: cut at 15, mid-character.
   decode(wwan({u"", std::u16string(15, u'\u00e9'), u"", u"", u"3102601"}), info);
@@ -98,6 +99,33 @@ TEST_F(ParcelCodecTest, AppListOrderAndCount) {
   decode(Wire().i32(0).i32(65537).app(u"only", 1).app(u"never", 2), wrapped);
   EXPECT_EQ(1, wrapped.numApps);
   EXPECT_EQ(1u, wrapped.apps.size());
+}
+
+// Strings from the client: a length that lies, overflows or leaves no room for the
+// terminator and padding reads as empty, never past the data.
+TEST_F(ParcelCodecTest, MalformedStringsDecodeAsEmpty) {
+  const std::vector<uint8_t> cases[] = {
+      {5, 0, 0, 0, 'a', 0, 'b', 0},            // 5 units announced, 2 present
+      {2, 0, 0, 0, 'a', 0, 'b', 0},            // no room for the 0 unit
+      {1, 0, 0, 0, 'a', 0},                    // padding missing
+      {1, 0, 0, 0, 'a', 0, 'b', 0},            // a unit where the 0 should be
+      {0xfe, 0xff, 0xff, 0xff, 'a', 0, 0, 0},  // -2
+      {0, 0, 0, 0x80, 'a', 0, 0, 0},           // INT32_MIN
+      {0xff, 0xff, 0xff, 0x7f, 'a', 0, 0, 0},  // INT32_MAX: count + 1 overflows an int32
+      {0, 0, 0, 0x40, 'a', 0, 0, 0},           // 2^30 units: 2^31 + 2 bytes
+      {1, 0, 0, 0, 'a', 0, 0, 0},              // well formed, ends right after the padding
+  };
+  for (const auto& b : cases) {
+    Wire w;
+    w.b = b;
+    std::string text = "stale";
+    decode(w, text);
+    EXPECT_EQ(&b == &cases[8] ? "a" : "", text) << testing::PrintToString(b);
+  }
+  _WlanInfo wlan;
+  decode(Wire().i32(1), wlan);  // what is missing reads as 0
+  EXPECT_EQ(1, wlan.type);
+  EXPECT_EQ(0, wlan.softAp);
 }
 
 TEST_F(ParcelCodecTest, EncodersWriteExactLayouts) {

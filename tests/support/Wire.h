@@ -1,9 +1,32 @@
 #ifndef NOX_TESTS_WIRE_H
 #define NOX_TESTS_WIRE_H
 
+#include <linux/netlink.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
+
+using Bytes = std::vector<uint8_t>;
+inline Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+template <typename T>
+Bytes bytesOf(const T& value) {
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(&value);
+  return Bytes(p, p + sizeof(T));
+}
+// A netlink message by hand, in host byte order: the header, then the body padded to 4
+// bytes; `len` overrides the length field (0: the true length).
+inline Bytes nlmsg(uint16_t type, uint32_t seq, const Bytes& body = {}, uint32_t len = 0,
+                   uint16_t flags = 0, uint32_t port = 0) {
+  Bytes b = bytesOf(nlmsghdr{len != 0 ? len : uint32_t(NLMSG_HDRLEN + body.size()), type, flags,
+                             seq, port}) +
+            body;
+  b.resize(NLMSG_ALIGN(b.size()));
+  return b;
+}
 
 // Parcel bytes by hand: little-endian int32s; a String16 is its unit count, the units,
 // a 0 unit and zero padding to 4 bytes.
