@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -75,7 +76,13 @@ TEST(TovLibraryTest, CallsOnWhatNeverStartedOrIsReleasedFailCleanly) {
                                        sizeof(req), &resp, sizeof(resp), 1000));
     EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE, tov_client_release(client));
   };
+  testing::internal::CaptureStderr();
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  // One line says where the library looks for the modem, and how to point it elsewhere.
+  EXPECT_EQ("tov: no modem at /nonexistent/modemsim.sock (No such file or directory); a modem "
+            "simulator's socket is named by $TOV_SIM_SOCKET\n",
+            testing::internal::GetCapturedStderr());
   EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_release(-1));
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_dev_connection_init("mdlnk0", &err));
   EXPECT_EQ(-1, tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err));
@@ -115,32 +122,48 @@ class TovSimTest : public ::testing::Test {
   void TearDown() override { tov_release(lib_); }
   static void onSysEvent(tov_sys_event_type event, const tov_sys_event_info_type*, void* data) {
     TovSimTest* self = static_cast<TovSimTest*>(data);
-    std::lock_guard<std::mutex> lock(self->mutex_);
+    std::unique_lock<std::mutex> lock(self->mutex_);
+    const std::function<void()> hook = self->onEvent_;
+    lock.unlock();
+    if (hook) hook();
+    lock.lock();
     self->events_.push_back(event);
+  }
+  // True once `done` holds; false after 5 s.
+  static bool waitFor(const std::function<bool()>& done) {
+    for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
   }
   // The system events so far, once there are `n` (or after 5 s).
   std::vector<int> waitEvents(size_t n) {
-    for (int i = 0; i < 500; ++i) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (events_.size() >= n) return events_;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    waitFor([&] {
+      std::lock_guard<std::mutex> lock(mutex_);
+      return events_.size() >= n;
+    });
     std::lock_guard<std::mutex> lock(mutex_);
     return events_;
+  }
+  int count(const std::string& text) {
+    const std::string state = sim_.cli({"state"});
+    int n = 0;
+    for (size_t at = state.find(text); at != std::string::npos; at = state.find(text, at + 1)) ++n;
+    return n;
+  }
+  static tov_client_error_type startDfs(tov_client_type* dfs, uint32_t timeoutMs = 5000) {
+    return tov_client_dfs_init_instance("mdlnk0", dfs_get_service_object_v01(), 0xffff, nullptr,
+                                        nullptr, nullptr, timeoutMs, dfs);
   }
 
   ModemSimProcess sim_;
   int lib_ = -1;
   std::mutex mutex_;
   std::vector<int> events_;  // written by the library's thread
+  std::function<void()> onEvent_;  // run by the library's thread before an event is kept
 };
 
-TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDropped) {
+TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDroppedOrReleaseTheirClient) {
   tov_client_type dfs = nullptr;
-  ASSERT_EQ(TOV_CLIENT_NO_ERR, tov_client_dfs_init_instance("mdlnk0", dfs_get_service_object_v01(), 0xffff,
-                                                            nullptr, nullptr, nullptr, 5000, &dfs));
+  ASSERT_EQ(TOV_CLIENT_NO_ERR, startDfs(&dfs));
   dfs_bind_client_req_msg_v01 bind = {};
   bind.ip_preference_valid = 1;
   bind.ip_preference = DFS_IP_FAMILY_IPV4_V01;
@@ -153,6 +176,9 @@ TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDropped) {
   EXPECT_EQ(TOV_CLIENT_TIMEOUT_ERR,
             tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &on, sizeof(on), &set,
                                      sizeof(set), 1000));
+  tov_client_type late = nullptr;
+  EXPECT_EQ(TOV_CLIENT_TIMEOUT_ERR, startDfs(&late, 100));
+  EXPECT_EQ(nullptr, late);
   sim_.cli({"delay", "0"});
   // The late answer arrives meanwhile and is not taken for this one.
   dfs_get_powersave_filter_mode_req_msg_v01 get = {};
@@ -162,7 +188,38 @@ TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDropped) {
   EXPECT_EQ(TOV_RESULT_SUCCESS_V01, mode.resp.result);
   EXPECT_EQ(1, mode.powersave_filter_mode_valid);
   EXPECT_EQ(1, mode.powersave_filter_mode);
+  // The client that started after its caller gave up is released when its answer comes.
+  EXPECT_TRUE(waitFor([&] { return count("dfs client") == 1; }));
   tov_client_release(dfs);
+}
+
+TEST_F(TovSimTest, ACallEndsInTimeWhenTheModemStopsReadingAndTheLinkComesBack) {
+  tov_client_type dfs = nullptr;
+  ASSERT_EQ(TOV_CLIENT_NO_ERR, startDfs(&dfs));
+  auto add = std::make_unique<dfs_add_powersave_filters_req_msg_v01>();
+  add->powersave_filter_rules_valid = 1;
+  add->powersave_filter_rules_len = DFS_MAX_POWERSAVE_FILTERS_V01;
+  auto added = std::make_unique<dfs_add_powersave_filters_resp_msg_v01>();
+  sim_.pause(true);
+  // Large requests fill the socket until one cannot be sent whole: that ends the stream.
+  int rc = TOV_CLIENT_NO_ERR;
+  for (int i = 0; i < 100 && rc != TOV_CLIENT_TRANSPORT_ERR; ++i) {
+    auto call = std::async(std::launch::async, [&] {
+      return tov_client_send_msg_sync(dfs, TOV_DFS_ADD_POWERSAVE_FILTERS_REQ_V01, add.get(), sizeof(*add),
+                                      added.get(), sizeof(*added), 50);
+    });
+    if (call.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      sim_.pause(false);
+      FAIL() << "a call with a 50 ms timeout still runs after 10 s";
+    }
+    rc = call.get();
+  }
+  EXPECT_EQ(TOV_CLIENT_TRANSPORT_ERR, rc);
+  sim_.pause(false);
+  EXPECT_EQ((std::vector<int>{TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, TOV_SYS_EVENT_MODEM_IN_SERVICE_IND}),
+            waitEvents(2));
+  tov_client_type again = nullptr;
+  EXPECT_EQ(TOV_CLIENT_NO_ERR, startDfs(&again));
 }
 
 TEST_F(TovSimTest, ReleaseReturnsOnlyOnceTheClientsCallbackHasReturned) {
@@ -199,23 +256,45 @@ TEST_F(TovSimTest, ReleaseReturnsOnlyOnceTheClientsCallbackHasReturned) {
   EXPECT_EQ(1, calls);
 }
 
-TEST_F(TovSimTest, ModemRestartAndDeathReachTheLibrary) {
+TEST_F(TovSimTest, TheLibraryRecoversFromModemRestartsAndDeath) {
   int err;
   const int wds = tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err);
   ASSERT_GE(wds, 0);
   sim_.cli({"restart"});
   EXPECT_EQ((std::vector<int>{TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, TOV_SYS_EVENT_MODEM_IN_SERVICE_IND}),
             waitEvents(2));
-  // The modem forgot the client and the control channel.
+  // The modem forgot the client; the library opened the control channel again.
   EXPECT_EQ(TOV_SERVICE_ERR, tov_wds_go_dormant_req(wds, &err));
   EXPECT_EQ(TOV_SERVICE_ERR_INVALID_CLIENT_ID, err);
-  EXPECT_EQ(-1, tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err));
+  EXPECT_GE(tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err), 0);
+
+  // The modem dies, and a new one comes up: the library reconnects by itself.
   sim_.kill();
-  const std::vector<int> events = waitEvents(3);
-  ASSERT_EQ(3u, events.size());
-  EXPECT_EQ(TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, events.back());
+  EXPECT_EQ(TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, waitEvents(3).back());
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_go_dormant_req(wds, &err));
+  sim_.start();
+  EXPECT_EQ(TOV_SYS_EVENT_MODEM_IN_SERVICE_IND, waitEvents(4).back());
+  EXPECT_GE(tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err), 0);
+  EXPECT_EQ(1, count("libraries started: 1"));
+  EXPECT_EQ(1, count("port mdlnk0: control channels 1"));
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_srvc_release_client(wds, &err));
+
+  // A handler may release the library, but not wait for the modem on its thread.
+  std::atomic<int> inHandler{1};
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    onEvent_ = [&] {
+      int code;
+      if (inHandler == 1) inHandler = tov_dev_connection_init("mdlnk0", &code);
+      if (inHandler == TOV_INTERNAL_ERR) inHandler = tov_release(lib_);
+    };
+  }
+  sim_.cli({"restart"});
+  EXPECT_EQ(5u, waitEvents(5).size());
+  EXPECT_EQ(TOV_NO_ERR, inHandler);
+  const int again = tov_init(nullptr, nullptr);
+  EXPECT_GE(again, 0);
+  EXPECT_EQ(TOV_NO_ERR, tov_release(again));
 }
 
 TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
@@ -242,8 +321,9 @@ TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
   EXPECT_EQ(std::make_pair(64 | 0x8000, uint32_t(3)), nextFrame(fd));
   close(fd);
 
-  // The library: a simulator whose answers it cannot take. A cut answer fails the call;
-  // a bad header ends the connection.
+  // The library: a simulator whose answers it cannot take (a cut answer fails the call, a
+  // bad header ends the connection), then one whose indication follows a client's start
+  // at once, with a dormancy value the headers do not name.
   char dir[] = "/tmp/noxwire-XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(dir));
   const std::string path = std::string(dir) + "/sock";
@@ -254,19 +334,47 @@ TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
   snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
   ASSERT_EQ(0, bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
   ASSERT_EQ(0, listen(server, 4));
+  const Bytes ok = {0, 0, 0, 0, 0, 0, 0, 0};
+  Bytes started = ok, indication = {5, 0, 0, 0, 2, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0};
+  started.insert(started.end(), {5, 0, 0, 0});
   std::thread fake([&] {
-    for (const Bytes& answer : {frame(0x8001, 1, {0, 0, 0, 0}), frame(0x8001, 1, {}, 0x12345678)}) {
-      const int peer = accept(server, nullptr, nullptr);
+    const std::vector<std::vector<Bytes>> answers = {{frame(0x8001, 0, {0, 0, 0, 0})},
+                                                     {frame(0x8001, 0, {}, 0x12345678)},
+                                                     {frame(0x8001, 0, ok)},
+                                                     {frame(0x8004, 0, started), frame(32, 0, indication)},
+                                                     {frame(0x8002, 0, ok)}};
+    int peer = -1;
+    for (size_t i = 0; i < answers.size(); ++i) {
+      if (i < 3) peer = accept(server, nullptr, nullptr);
       const uint32_t seq = nextFrame(peer).second;
-      Bytes a = answer;
-      for (int i = 0; i < 4; ++i) a[12 + i] = static_cast<uint8_t>(seq >> (8 * i));
-      EXPECT_EQ(static_cast<ssize_t>(a.size()), write(peer, a.data(), a.size()));
-      nextFrame(peer);  // until the library hangs up
-      close(peer);
+      for (Bytes a : answers[i]) {
+        if (a[7] & 0x80) memcpy(&a[12], &seq, 4);  // an answer repeats its request's seq
+        EXPECT_EQ(static_cast<ssize_t>(a.size()), write(peer, a.data(), a.size()));
+      }
+      if (i < 2 || i == answers.size() - 1) {
+        nextFrame(peer);  // until the library hangs up
+        close(peer);
+      }
     }
   });
   EXPECT_EQ(TOV_INTERNAL_ERR, tov_init(nullptr, nullptr));
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  const int lib = tov_init(nullptr, nullptr);
+  static std::atomic<int> indicated;
+  static std::atomic<tov_wds_dorm_status_type> dormancy;
+  indicated = 0;
+  int err;
+  const int wds = tov_wds_srvc_init_client(
+      "mdlnk0",
+      [](int handle, tov_service_id_type, void*, tov_wds_indication_id_type, tov_wds_indication_data_type* data) {
+        dormancy = data->event_report.dorm_status;
+        indicated = handle;
+      },
+      nullptr, &err);
+  for (int i = 0; i < 500 && indicated == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(wds, indicated);
+  EXPECT_EQ(TOV_WDS_DORM_STATUS_ACTIVE, dormancy);
+  EXPECT_EQ(TOV_NO_ERR, tov_release(lib));
   fake.join();
   close(server);
   unlink(path.c_str());
