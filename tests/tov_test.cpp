@@ -297,6 +297,28 @@ TEST_F(TovSimTest, TheLibraryRecoversFromModemRestartsAndDeath) {
   EXPECT_EQ(TOV_NO_ERR, tov_release(again));
 }
 
+// Command lines the simulator refuses say what is wrong; port names are taken as the
+// kernel takes interface names, and shown as valid JSON.
+TEST(ModemSimCliTest, RefusalsSayWhatIsWrong) {
+  ModemSimProcess sim;
+  const std::pair<std::vector<std::string>, std::string> refused[] = {
+      {{"fail", "clear", "extra"}, "fail: unexpected argument 'extra'"},
+      {{"fail", "dfs-start", "--times", "x"}, "fail: --times takes a number from 0 to 1000000, not 'x'"},
+      {{"dormancy", "a\nb", "active"}, "dormancy: port name 'a?b' contains a control character"},
+      {{"filter-mode", "a/b", "on"}, "filter-mode: port name 'a/b' contains '/'"},
+      {{"filter-mode", "sixteen-letters0", "v4", "on"},
+       "filter-mode: port name 'sixteen-letters0' is longer than 15 characters"},
+      {{"traffic", "a b", "up"}, "traffic: port name 'a b' contains a space"},
+      {{"delay", "soon"}, "delay: 'soon' is not a number of milliseconds from 0 to 600000"},
+  };
+  for (const auto& r : refused) {
+    const std::string text = sim.cli(r.first, 2);
+    EXPECT_EQ(r.second, text.substr(0, text.find('\n')));
+  }
+  sim.cli({"dormancy", "a\"b", "dormant"});
+  EXPECT_NE(std::string::npos, sim.cli({"state", "--json"}).find("{\"name\":\"a\\\"b\","));
+}
+
 TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
   ModemSimProcess sim;
   // The simulator: a frame it cannot take is refused (kind 127) with its seq; the
@@ -309,7 +331,7 @@ TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
     EXPECT_EQ(127, answer.first);
     EXPECT_EQ(bad[12], answer.second);
   }
-  for (const Bytes& bad : {frame(1, 1, {}, 0x12345678), frame(1, 1, {}, 0x57564f54, 65537)}) {
+  for (const Bytes& bad : {frame(1, 1, {}, 0x12345678), frame(1, 1, {}, 0x57564f54, (8 << 20) + 1)}) {
     const int other = connectTo(sim.path());
     ASSERT_EQ(16, write(other, bad.data(), 16));
     EXPECT_EQ(127, nextFrame(other).first);

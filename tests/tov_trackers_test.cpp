@@ -258,6 +258,7 @@ TEST_F(TrackerTest, FiltersReachTheModemAsRules) {
   EXPECT_EQ((Lines{"dfs-add-filters mdlnk0 v4 client # 255 rules -> ok"}), requests());
   EXPECT_EQ(1, log_.count("unknown transport proto 1"));
   EXPECT_EQ(1, log_.count("unknown IP family 7"));
+  EXPECT_GT(sim_.cli({"state", "--json"}).size(), 65536u);  // more than one old frame held
   EXPECT_EQ(1, v4.removeAllDfsFilters());
   EXPECT_EQ((Lines{"dfs-remove-filters mdlnk0 v4 client # 768 rules -> ok"}), requests());
 }
