@@ -134,15 +134,15 @@ uint32_t Link::nextSeqLocked() {
 }
 
 Link::SendResult Link::send(const std::vector<uint8_t>& frame, Clock::time_point deadline) {
-  std::unique_lock<std::timed_mutex> writing(writeMu_, deadline);
-  if (!writing.owns_lock()) return kUnsent;
   int fd;
   {
-    std::lock_guard<std::mutex> lock(mu_);
-    fd = up_ ? fd_ : -1;
+    std::unique_lock<std::mutex> lock(mu_);
+    if (!cv_.wait_until(lock, deadline, [&] { return !writing_; })) return kUnsent;
+    if (!up_ || fd_ < 0) return kFailed;
+    fd = fd_;
+    writing_ = true;  // the descriptor stays open meanwhile: its thread waits to close it
   }
-  if (fd < 0) return kFailed;
-  // The descriptor stays open while writeMu_ is held: its thread closes it under writeMu_.
+  SendResult result = kSent;
   size_t sent = 0;
   while (sent < frame.size()) {
     const ssize_t n = ::send(fd, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -155,14 +155,18 @@ Link::SendResult Link::send(const std::vector<uint8_t>& frame, Clock::time_point
       pollfd p = {fd, POLLOUT, 0};
       const int left = msUntil(deadline);
       if (left > 0 && poll(&p, 1, left) >= 0) continue;
-      if (sent == 0) return kUnsent;
+      result = sent == 0 ? kUnsent : kCut;
       // Deliberate: the rest of a cut frame can never be sent, so the stream is over.
-      ::shutdown(fd, SHUT_RDWR);
-      return kCut;
+      if (result == kCut) ::shutdown(fd, SHUT_RDWR);
+      break;
     }
-    return kFailed;
+    result = kFailed;
+    break;
   }
-  return kSent;
+  std::lock_guard<std::mutex> lock(mu_);
+  writing_ = false;
+  cv_.notify_all();
+  return result;
 }
 
 CallStatus Link::call(uint16_t kind, const tovwire::Writer& body, unsigned timeoutMs,
@@ -330,10 +334,9 @@ void Link::waitIdle(int id, std::unique_lock<std::mutex>& lock) {
 }
 
 bool Link::lost(int fd, uint64_t connection) {
-  std::unique_lock<std::timed_mutex> writing(writeMu_);
   std::unique_lock<std::mutex> lock(mu_);
+  cv_.wait(lock, [&] { return !writing_; });  // a writer's wait is bounded by its deadline
   close(fd);
-  writing.unlock();
   if (connection != connection_) return false;  // a connection left behind by a release
   fd_ = -1;
   up_ = false;

@@ -117,11 +117,11 @@ class Link {
   void waitIdle(int id, std::unique_lock<std::mutex>& lock);
   uint32_t nextSeqLocked();
 
-  std::mutex connectMu_;      // one connect or disconnect at a time; taken before mu_
-  std::timed_mutex writeMu_;  // one frame written at a time; taken before mu_
+  std::mutex connectMu_;  // one connect or disconnect at a time; taken before mu_
   std::mutex mu_;
   std::condition_variable cv_;
-  int fd_ = -1;  // owned by the library's thread; closed by it under writeMu_ and mu_
+  bool writing_ = false;  // one frame written at a time
+  int fd_ = -1;  // owned by the library's thread, which closes it when nobody is writing
   bool up_ = false;
   bool closing_ = false;
   uint64_t connection_ = 0;
