@@ -7,11 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "tov.h"
 
@@ -85,15 +85,16 @@ bool Link::connect() {
   // The library's thread is bringing a lost connection back; callers retry meanwhile.
   if (reader_.joinable()) return false;
   const int fd = dial();
+  static bool told = false;  // said once until a modem is reached
   if (fd < 0) {
-    static std::atomic<bool> told{false};
-    if (!told.exchange(true))
+    if (!std::exchange(told, true))
       fprintf(stderr,
               "tov: no modem at %s (%s); a modem simulator's socket is named by "
               "$%s\n",
               tovwire::socketPath().c_str(), strerror(errno), tovwire::kSocketEnv);
     return false;
   }
+  told = false;
   fd_ = fd;
   up_ = true;
   closing_ = false;

@@ -48,7 +48,7 @@ class Link {
   static Link& instance();
 
   // Connects when there is no connection and none is being re-established. False when
-  // the simulator cannot be reached (said once per process on stderr).
+  // the simulator cannot be reached (said once on stderr, until it is reached).
   bool connect();
   // Closes the connection once nothing is started on it any more.
   void disconnectIfUnused();
