@@ -3,7 +3,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 #include <vector>
@@ -174,14 +176,61 @@ TEST_F(ComTest, SendFramesWithBigEndianLengthUpTo1024Bytes) {
             std::vector<uint8_t>(got.begin(), got.begin() + 12));
 }
 
-TEST_F(ComTest, WakeEndsAWaitWithoutLimitAndIsDrained) {
-  std::thread waker([this] { com_.wake(); });
-  pass(-1);  // returns only once the wake-up descriptor is readable
-  waker.join();
-  EXPECT_EQ(1, log_.count("there are 1 file descriptor(s) with events pending"));
+// Each post is made while the loop is still busy with the previous one, so every post
+// lands in the middle of a pass; one taken too early would leave the loop waiting.
+TEST_F(ComTest, EveryPostFromAnotherThreadEndsTheWaitAndIsHandled) {
+  static constexpr int kPosts = 3000;
+  static std::atomic<int> last, posts;
+  static std::atomic<bool> stuck;
+  last = -1, posts = 0, stuck = false;
+  auto onPosted = [](int, void*, int value) {
+    last = value;
+    const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (posts <= value + 1 && value + 1 < kPosts && std::chrono::steady_clock::now() < bound)
+      std::this_thread::yield();
+  };
+  std::thread poster([&] {
+    for (int i = 0; i < kPosts && !stuck; ++i) {
+      com_.postEvent(onPosted, nullptr, i);
+      ++posts;
+      const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+      while (last != i && !stuck) {
+        if (std::chrono::steady_clock::now() > bound) stuck = true;
+        std::this_thread::yield();
+      }
+    }
+    if (stuck) com_.wake();  // a failure must not hang the loop below
+  });
+  while (last != kPosts - 1 && !stuck) pass(-1);
+  poster.join();
+  EXPECT_FALSE(stuck) << "post " << last + 1 << " waited for an unrelated event";
   log_.clear();
-  pass(0);
+  pass(0);  // the wake-up descriptor was drained
   EXPECT_EQ(0, log_.count("file descriptor(s) with events pending"));
+}
+
+TEST_F(ComTest, PostsKeepTheLatestValuePerTargetAndDropBeyondTheBound) {
+  std::vector<std::pair<void*, int>> got;
+  static std::vector<std::pair<void*, int>>* sink;
+  sink = &got;
+  auto onPosted = [](int, void* target, int value) { sink->emplace_back(target, value); };
+  char targets[300];
+  for (int v : {1, 2, 3}) EXPECT_TRUE(com_.postEvent(onPosted, &targets[0], v));
+  int dropped = 0;
+  for (char& t : targets) dropped += com_.postEvent(onPosted, &t, 9) ? 0 : 1;
+  EXPECT_EQ(300 - 256, dropped);
+  EXPECT_EQ(uint64_t(dropped), com_.droppedPosts());
+  com_.cancelPosts(&targets[1]);
+  pass();
+  ASSERT_EQ(255u, got.size());
+  EXPECT_EQ(std::make_pair(static_cast<void*>(&targets[0]), 9), got[0]);  // the latest, in place
+  EXPECT_EQ(static_cast<void*>(&targets[2]), got[1].first);
+  EXPECT_EQ(1, log_.count(text("hand-over queue full: 44 posted events dropped (44 since start)")));
+  // More drops soon after are counted, not logged again at once.
+  for (char& t : targets) com_.postEvent(onPosted, &t, 9);
+  pass();
+  EXPECT_EQ(uint64_t(2 * dropped), com_.droppedPosts());
+  EXPECT_EQ(1, log_.count("hand-over queue full"));
 }
 
 }  // namespace

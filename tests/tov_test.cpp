@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -65,43 +66,28 @@ TEST(TovLibraryTest, CallsOnWhatNeverStartedOrIsReleasedFailCleanly) {
   const tov_idl_service_object_type service = dfs_get_service_object_v01();
   dfs_set_powersave_filter_mode_req_msg_v01 req = {1};
   dfs_set_powersave_filter_mode_resp_msg_v01 resp;
-  auto checkGone = [&](int wds, tov_client_type client) {
-    tov_wds_dorm_status_type status;
-    EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_get_dormancy_status(wds, &status, &err));
-    EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_go_dormant_req(wds, &err));
-    EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_srvc_release_client(wds, &err));
-    EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE,
-              tov_client_send_msg_sync(client, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &req,
-                                       sizeof(req), &resp, sizeof(resp), 1000));
-    EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE, tov_client_release(client));
-  };
+  testing::internal::CaptureStderr();
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  // One line says where the library looks for the modem, and how to point it elsewhere.
+  EXPECT_EQ("tov: no modem at /nonexistent/modemsim.sock (No such file or directory); a modem "
+            "simulator's socket is named by $TOV_SIM_SOCKET\n",
+            testing::internal::GetCapturedStderr());
   EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_release(-1));
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_dev_connection_init("mdlnk0", &err));
   EXPECT_EQ(-1, tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err));
   EXPECT_EQ(TOV_CLIENT_TRANSPORT_ERR,
             tov_client_dfs_init_instance("mdlnk0", service, 0xffff, nullptr, nullptr, nullptr, 5000, &dfs));
   EXPECT_EQ(nullptr, dfs_get_service_object_internal_v01(2, 6, 6));
-  checkGone(-1, nullptr);
-  checkGone(12345, reinterpret_cast<tov_client_type>(uintptr_t(12345)));
-
-  ModemSimProcess sim;
-  const int lib = tov_init(nullptr, nullptr);
-  ASSERT_GE(lib, 0);
-  ASSERT_EQ(TOV_NO_ERR, tov_dev_connection_init("mdlnk0", &err));
-  const int wds = tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err);
-  ASSERT_GE(wds, 0);
-  ASSERT_EQ(TOV_CLIENT_NO_ERR, tov_client_dfs_init_instance("mdlnk0", service, 0xffff, nullptr,
-                                                            nullptr, nullptr, 5000, &dfs));
-  // A request of the wrong size is refused before it is sent.
-  EXPECT_EQ(TOV_CLIENT_ENCODE_ERR,
-            tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &req,
-                                     sizeof(req) + 1, &resp, sizeof(resp), 1000));
-  EXPECT_EQ(TOV_NO_ERR, tov_wds_srvc_release_client(wds, &err));
-  EXPECT_EQ(TOV_CLIENT_NO_ERR, tov_client_release(dfs));
-  checkGone(wds, dfs);
-  EXPECT_EQ(TOV_NO_ERR, tov_release(lib));
-  EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_release(lib));
+  // Handles the library never gave out.
+  tov_wds_dorm_status_type status;
+  EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_get_dormancy_status(12345, &status, &err));
+  EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_wds_srvc_release_client(12345, &err));
+  dfs = reinterpret_cast<tov_client_type>(uintptr_t(12345));
+  EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE,
+            tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &req, sizeof(req),
+                                     &resp, sizeof(resp), 1000));
+  EXPECT_EQ(TOV_CLIENT_INVALID_HANDLE, tov_client_release(dfs));
 }
 
 class TovSimTest : public ::testing::Test {
@@ -109,113 +95,164 @@ class TovSimTest : public ::testing::Test {
   void SetUp() override {
     lib_ = tov_init(onSysEvent, this);
     ASSERT_GE(lib_, 0);
-    int err;
-    ASSERT_EQ(TOV_NO_ERR, tov_dev_connection_init("mdlnk0", &err));
+    ASSERT_EQ(TOV_NO_ERR, tov_dev_connection_init("mdlnk0", &err_));
   }
   void TearDown() override { tov_release(lib_); }
   static void onSysEvent(tov_sys_event_type event, const tov_sys_event_info_type*, void* data) {
     TovSimTest* self = static_cast<TovSimTest*>(data);
-    std::lock_guard<std::mutex> lock(self->mutex_);
+    std::unique_lock<std::mutex> lock(self->mutex_);
+    const std::function<void()> hook = self->onEvent_;
+    lock.unlock();
+    if (hook) hook();
+    lock.lock();
     self->events_.push_back(event);
   }
-  // The system events so far, once there are `n` (or after 5 s).
-  std::vector<int> waitEvents(size_t n) {
-    for (int i = 0; i < 500; ++i) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (events_.size() >= n) return events_;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
+  // True once `done` holds; false after 5 s.
+  static bool waitFor(const std::function<bool()>& done) {
+    for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
+  }
+  // The n-th system event (1 the first) once it came; -1 when it has not after 5 s.
+  int event(size_t n) {
+    int seen = -1;
+    waitFor([&] {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (events_.size() >= n) seen = events_[n - 1];
+      return seen >= 0;
+    });
+    return seen;
+  }
+  // How often `text` appears in the simulator's state.
+  int count(const std::string& text) {
+    const std::string state = sim_.cli({"state"});
+    int n = 0;
+    for (size_t at = state.find(text); at != std::string::npos; at = state.find(text, at + 1)) ++n;
+    return n;
+  }
+  static tov_client_error_type startDfs(tov_client_type* dfs, uint32_t timeoutMs = 5000) {
+    return tov_client_dfs_init_instance("mdlnk0", dfs_get_service_object_v01(), 0xffff, nullptr,
+                                        nullptr, nullptr, timeoutMs, dfs);
   }
 
   ModemSimProcess sim_;
   int lib_ = -1;
+  int err_ = 0;
   std::mutex mutex_;
   std::vector<int> events_;  // written by the library's thread
+  std::function<void()> onEvent_;  // run by the library's thread before an event is kept
 };
 
-TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDropped) {
-  tov_client_type dfs = nullptr;
-  ASSERT_EQ(TOV_CLIENT_NO_ERR, tov_client_dfs_init_instance("mdlnk0", dfs_get_service_object_v01(), 0xffff,
-                                                            nullptr, nullptr, nullptr, 5000, &dfs));
-  dfs_bind_client_req_msg_v01 bind = {};
-  bind.ip_preference_valid = 1;
-  bind.ip_preference = DFS_IP_FAMILY_IPV4_V01;
-  dfs_bind_client_resp_msg_v01 bound;
-  ASSERT_EQ(0, tov_client_send_msg_sync(dfs, TOV_DFS_BIND_CLIENT_REQ_V01, &bind, sizeof(bind), &bound,
-                                        sizeof(bound), 1000));
-  sim_.cli({"delay", "1500"});
+TEST_F(TovSimTest, SlowAnswersTimeOutAndLateAnswersAreDroppedOrReleaseTheirClient) {
+  tov_client_type dfs = nullptr, late = nullptr;
+  ASSERT_EQ(TOV_CLIENT_NO_ERR, startDfs(&dfs));
   dfs_set_powersave_filter_mode_req_msg_v01 on = {1};
   dfs_set_powersave_filter_mode_resp_msg_v01 set;
+  // A request of the wrong size is refused before it is sent.
+  EXPECT_EQ(TOV_CLIENT_ENCODE_ERR, tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &on,
+                                                            sizeof(on) + 1, &set, sizeof(set), 1000));
+  sim_.cli({"delay", "1500"});
   EXPECT_EQ(TOV_CLIENT_TIMEOUT_ERR,
             tov_client_send_msg_sync(dfs, TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, &on, sizeof(on), &set,
                                      sizeof(set), 1000));
+  EXPECT_EQ(TOV_CLIENT_TIMEOUT_ERR, startDfs(&late, 100));
+  EXPECT_EQ(nullptr, late);
   sim_.cli({"delay", "0"});
-  // The late answer arrives meanwhile and is not taken for this one.
+  // The late answers arrive meanwhile: not taken for this one (they would not decode as
+  // its answer), and the client that started after its caller gave up is released.
   dfs_get_powersave_filter_mode_req_msg_v01 get = {};
   dfs_get_powersave_filter_mode_resp_msg_v01 mode;
-  ASSERT_EQ(0, tov_client_send_msg_sync(dfs, TOV_DFS_GET_POWERSAVE_FILTER_MODE_REQ_V01, &get, sizeof(get),
+  EXPECT_EQ(0, tov_client_send_msg_sync(dfs, TOV_DFS_GET_POWERSAVE_FILTER_MODE_REQ_V01, &get, sizeof(get),
                                         &mode, sizeof(mode), 5000));
-  EXPECT_EQ(TOV_RESULT_SUCCESS_V01, mode.resp.result);
-  EXPECT_EQ(1, mode.powersave_filter_mode_valid);
-  EXPECT_EQ(1, mode.powersave_filter_mode);
-  tov_client_release(dfs);
+  EXPECT_TRUE(waitFor([&] { return count("dfs client") == 1; }));
 }
 
 TEST_F(TovSimTest, ReleaseReturnsOnlyOnceTheClientsCallbackHasReturned) {
-  int err;
   static std::atomic<int> calls;
-  static std::atomic<bool> entered;
   static std::promise<void> release;
-  calls = 0, entered = false, release = std::promise<void>();
+  calls = 0, release = std::promise<void>();
   const int wds = tov_wds_srvc_init_client(
-      "mdlnk0",
-      [](int, tov_service_id_type, void*, tov_wds_indication_id_type, tov_wds_indication_data_type*) {
+      "mdlnk0", [](int, tov_service_id_type, void*, tov_wds_indication_id_type, tov_wds_indication_data_type*) {
         ++calls;
-        entered = true;
         release.get_future().wait();
-      },
-      nullptr, &err);
-  ASSERT_GE(wds, 0);
+      }, nullptr, &err_);
   tov_wds_event_report_params_type report = {TOV_WDS_EVENT_DORM_STATUS_IND, 0, 0, 1};
-  ASSERT_EQ(TOV_NO_ERR, tov_wds_set_event_report(wds, &report, &err));
+  ASSERT_EQ(TOV_NO_ERR, tov_wds_set_event_report(wds, &report, &err_));
   sim_.cli({"dormancy", "mdlnk0", "dormant"});
-  while (!entered) std::this_thread::yield();
-  std::atomic<bool> released{false};
-  std::thread releaser([&] {
-    tov_wds_srvc_release_client(wds, &err);
-    released = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(released);  // the callback still runs
+  ASSERT_TRUE(waitFor([] { return calls == 1; }));
+  auto released = std::async(std::launch::async, [&] { return tov_wds_srvc_release_client(wds, &err_); });
+  EXPECT_EQ(std::future_status::timeout, released.wait_for(std::chrono::milliseconds(100)));
   release.set_value();
-  releaser.join();
-  EXPECT_TRUE(released);
+  EXPECT_EQ(TOV_NO_ERR, released.get());
   sim_.cli({"dormancy", "mdlnk0", "active"});
   sim_.cli({"state"});  // the simulator has sent whatever it would send
   EXPECT_EQ(1, calls);
 }
 
-TEST_F(TovSimTest, ModemRestartAndDeathReachTheLibrary) {
-  int err;
-  const int wds = tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err);
+TEST_F(TovSimTest, TheLibraryRecoversFromModemRestartsStallsAndDeath) {
+  const int wds = tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err_);
   ASSERT_GE(wds, 0);
+  const int out = TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, in = TOV_SYS_EVENT_MODEM_IN_SERVICE_IND;
   sim_.cli({"restart"});
-  EXPECT_EQ((std::vector<int>{TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, TOV_SYS_EVENT_MODEM_IN_SERVICE_IND}),
-            waitEvents(2));
-  // The modem forgot the client and the control channel.
-  EXPECT_EQ(TOV_SERVICE_ERR, tov_wds_go_dormant_req(wds, &err));
-  EXPECT_EQ(TOV_SERVICE_ERR_INVALID_CLIENT_ID, err);
-  EXPECT_EQ(-1, tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err));
+  EXPECT_EQ(out, event(1));
+  EXPECT_EQ(in, event(2));
+  // The modem forgot the client; the library opened the control channel again.
+  EXPECT_EQ(TOV_SERVICE_ERR, tov_wds_go_dormant_req(wds, &err_));
+  EXPECT_EQ(TOV_SERVICE_ERR_INVALID_CLIENT_ID, err_);
+  tov_client_type dfs = nullptr;
+  ASSERT_EQ(TOV_CLIENT_NO_ERR, startDfs(&dfs));
+
+  // A modem that stops reading: large requests fill the socket until one cannot be sent
+  // whole, which ends the stream; no call outlives its timeout.
+  auto add = std::make_unique<dfs_add_powersave_filters_req_msg_v01>();
+  add->powersave_filter_rules_valid = 1;
+  add->powersave_filter_rules_len = DFS_MAX_POWERSAVE_FILTERS_V01;
+  auto added = std::make_unique<dfs_add_powersave_filters_resp_msg_v01>();
+  sim_.pause(true);
+  int rc = TOV_CLIENT_NO_ERR;
+  for (int i = 0; i < 100 && rc != TOV_CLIENT_TRANSPORT_ERR; ++i) {
+    auto call = std::async(std::launch::async, [&] {
+      return tov_client_send_msg_sync(dfs, TOV_DFS_ADD_POWERSAVE_FILTERS_REQ_V01, add.get(), sizeof(*add),
+                                      added.get(), sizeof(*added), 50);
+    });
+    if (call.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      sim_.pause(false);
+      FAIL() << "a call with a 50 ms timeout still runs after 10 s";
+    }
+    rc = call.get();
+  }
+  EXPECT_EQ(TOV_CLIENT_TRANSPORT_ERR, rc);
+  sim_.pause(false);
+  EXPECT_EQ(out, event(3));
+  EXPECT_EQ(in, event(4));
+  EXPECT_EQ(TOV_CLIENT_NO_ERR, startDfs(&dfs));
+
+  // The modem dies, and a new one comes up: the library reconnects by itself.
   sim_.kill();
-  const std::vector<int> events = waitEvents(3);
-  ASSERT_EQ(3u, events.size());
-  EXPECT_EQ(TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND, events.back());
-  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_go_dormant_req(wds, &err));
-  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_srvc_release_client(wds, &err));
+  EXPECT_EQ(out, event(5));
+  EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_wds_go_dormant_req(wds, &err_));
+  sim_.start();
+  EXPECT_EQ(in, event(6));
+  EXPECT_GE(tov_wds_srvc_init_client("mdlnk0", nullptr, nullptr, &err_), 0);
+  EXPECT_EQ(1, count("libraries started: 1"));
+  EXPECT_EQ(1, count("port mdlnk0: control channels 1"));
+
+  // A handler may release the library, but not wait for the modem on its thread.
+  std::atomic<int> inHandler{1};
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    onEvent_ = [&] {
+      int code;
+      if (inHandler == 1) inHandler = tov_dev_connection_init("mdlnk0", &code);
+      if (inHandler == TOV_INTERNAL_ERR) inHandler = tov_release(lib_);
+    };
+  }
+  sim_.cli({"restart"});
+  EXPECT_EQ(out, event(7));
+  EXPECT_EQ(TOV_NO_ERR, inHandler);
+  const int again = tov_init(nullptr, nullptr);
+  EXPECT_GE(again, 0);
+  EXPECT_EQ(TOV_NO_ERR, tov_release(again));
+  EXPECT_EQ(TOV_INVALID_HANDLE_ERR, tov_release(again));
 }
 
 TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
@@ -230,7 +267,7 @@ TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
     EXPECT_EQ(127, answer.first);
     EXPECT_EQ(bad[12], answer.second);
   }
-  for (const Bytes& bad : {frame(1, 1, {}, 0x12345678), frame(1, 1, {}, 0x57564f54, 65537)}) {
+  for (const Bytes& bad : {frame(1, 1, {}, 0x12345678), frame(1, 1, {}, 0x57564f54, (8 << 20) + 1)}) {
     const int other = connectTo(sim.path());
     ASSERT_EQ(16, write(other, bad.data(), 16));
     EXPECT_EQ(127, nextFrame(other).first);
@@ -241,9 +278,24 @@ TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
   ASSERT_EQ(static_cast<ssize_t>(state.size()), write(fd, state.data(), state.size()));
   EXPECT_EQ(std::make_pair(64 | 0x8000, uint32_t(3)), nextFrame(fd));
   close(fd);
+  // Command lines it refuses say what is wrong; port names are taken as the kernel takes
+  // interface names, and shown as valid JSON.
+  const std::pair<std::vector<std::string>, std::string> refused[] = {
+      {{"fail", "clear", "extra"}, "fail: unexpected argument 'extra'"},
+      {{"dormancy", "a\nb", "active"}, "dormancy: port name 'a?b' contains a control character"},
+      {{"filter-mode", "a/b", "on"}, "filter-mode: port name 'a/b' contains '/'"},
+      {{"traffic", "a b", "up"}, "traffic: port name 'a b' contains a space"},
+  };
+  for (const auto& r : refused) {
+    const std::string text = sim.cli(r.first, 2);
+    EXPECT_EQ(r.second, text.substr(0, text.find('\n')));
+  }
+  sim.cli({"dormancy", "a\"b", "dormant"});
+  EXPECT_NE(std::string::npos, sim.cli({"state", "--json"}).find("{\"name\":\"a\\\"b\","));
 
-  // The library: a simulator whose answers it cannot take. A cut answer fails the call;
-  // a bad header ends the connection.
+  // The library: a simulator whose answers it cannot take (a cut answer fails the call, a
+  // bad header ends the connection), then one whose indication follows a client's start
+  // at once, with a dormancy value the headers do not name.
   char dir[] = "/tmp/noxwire-XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(dir));
   const std::string path = std::string(dir) + "/sock";
@@ -254,19 +306,47 @@ TEST(TovWireTest, EachEndRefusesWhatItCannotTake) {
   snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
   ASSERT_EQ(0, bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
   ASSERT_EQ(0, listen(server, 4));
+  const Bytes ok = {0, 0, 0, 0, 0, 0, 0, 0};
+  Bytes started = ok, indication = {5, 0, 0, 0, 2, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0};
+  started.insert(started.end(), {5, 0, 0, 0});
   std::thread fake([&] {
-    for (const Bytes& answer : {frame(0x8001, 1, {0, 0, 0, 0}), frame(0x8001, 1, {}, 0x12345678)}) {
-      const int peer = accept(server, nullptr, nullptr);
+    const std::vector<std::vector<Bytes>> answers = {{frame(0x8001, 0, {0, 0, 0, 0})},
+                                                     {frame(0x8001, 0, {}, 0x12345678)},
+                                                     {frame(0x8001, 0, ok)},
+                                                     {frame(0x8004, 0, started), frame(32, 0, indication)},
+                                                     {frame(0x8002, 0, ok)}};
+    int peer = -1;
+    for (size_t i = 0; i < answers.size(); ++i) {
+      if (i < 3) peer = accept(server, nullptr, nullptr);
       const uint32_t seq = nextFrame(peer).second;
-      Bytes a = answer;
-      for (int i = 0; i < 4; ++i) a[12 + i] = static_cast<uint8_t>(seq >> (8 * i));
-      EXPECT_EQ(static_cast<ssize_t>(a.size()), write(peer, a.data(), a.size()));
-      nextFrame(peer);  // until the library hangs up
-      close(peer);
+      for (Bytes a : answers[i]) {
+        if (a[7] & 0x80) memcpy(&a[12], &seq, 4);  // an answer repeats its request's seq
+        EXPECT_EQ(static_cast<ssize_t>(a.size()), write(peer, a.data(), a.size()));
+      }
+      if (i < 2 || i == answers.size() - 1) {
+        nextFrame(peer);  // until the library hangs up
+        close(peer);
+      }
     }
   });
   EXPECT_EQ(TOV_INTERNAL_ERR, tov_init(nullptr, nullptr));
   EXPECT_EQ(TOV_PORT_NOT_OPEN_ERR, tov_init(nullptr, nullptr));
+  const int lib = tov_init(nullptr, nullptr);
+  static std::atomic<int> indicated;
+  static std::atomic<tov_wds_dorm_status_type> dormancy;
+  indicated = 0;
+  int err;
+  const int wds = tov_wds_srvc_init_client(
+      "mdlnk0",
+      [](int handle, tov_service_id_type, void*, tov_wds_indication_id_type, tov_wds_indication_data_type* data) {
+        dormancy = data->event_report.dorm_status;
+        indicated = handle;
+      },
+      nullptr, &err);
+  for (int i = 0; i < 500 && indicated == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(wds, indicated);
+  EXPECT_EQ(TOV_WDS_DORM_STATUS_ACTIVE, dormancy);
+  EXPECT_EQ(TOV_NO_ERR, tov_release(lib));
   fake.join();
   close(server);
   unlink(path.c_str());

@@ -3,8 +3,14 @@
 
 /* The modem messaging library: library start and release, the per-port control
  * channel, system events, and the error codes and types shared by its services.
- * Every call may block the calling thread until the modem answers; callbacks run
- * on the library's own thread. */
+ * Every call may block the calling thread until the modem answers, at most for its
+ * timeout; callbacks run on the library's own thread. A call that would wait for the
+ * modem fails at once when made there (TOV_INTERNAL_ERR, TOV_CLIENT_INTERNAL_ERR for
+ * the tov_cci.h calls); the releases may be made there, and then do not wait.
+ * When the modem restarts or goes away, the library tells the handlers
+ * (TOV_SYS_EVENT_MODEM_OUT_OF_SERVICE_IND), reconnects by itself, opens again the
+ * control channels it had opened and then tells them TOV_SYS_EVENT_MODEM_IN_SERVICE_IND;
+ * library handles stay valid, clients of the old modem do not. */
 
 #include <stdint.h>
 

@@ -24,9 +24,10 @@ bool validPort(const char* port) {
   return port != nullptr && *port != '\0' && strnlen(port, kMaxPortName + 1) <= kMaxPortName;
 }
 
-// Values from the wire become enums only when they are values the headers name.
-bool knownDormancy(uint32_t v) {
-  return v == TOV_WDS_DORM_STATUS_DORMANT || v == TOV_WDS_DORM_STATUS_ACTIVE;
+// Values from the wire become enums only when they are values the headers name:
+// anything but dormant is active.
+tov_wds_dorm_status_type dormancy(uint32_t v) {
+  return v == TOV_WDS_DORM_STATUS_DORMANT ? TOV_WDS_DORM_STATUS_DORMANT : TOV_WDS_DORM_STATUS_ACTIVE;
 }
 bool knownIndication(uint32_t v) {
   return v == TOV_WDS_SRVC_PKT_SRVC_STATUS_IND_MSG || v == TOV_WDS_SRVC_EVENT_REPORT_IND_MSG;
@@ -73,7 +74,7 @@ int tov_release(int handle) {
   if (!link.removeStart(handle)) return TOV_INVALID_HANDLE_ERR;
   int err = 0;
   // The modem's answer does not matter: this process is done with the library.
-  tovhost::request(tovwire::kBye, Writer(), kTimeoutMs, kCodes, &err, nullptr);
+  tovhost::release(tovwire::kBye, Writer(), kTimeoutMs, kCodes, &err);
   link.disconnectIfUnused();
   return TOV_NO_ERR;
 }
@@ -83,38 +84,36 @@ int tov_dev_connection_init(const char* dev_id, int* err) {
   if (!validPort(dev_id)) return TOV_INTERNAL_ERR;
   Writer body;
   body.str(dev_id);
-  return tovhost::request(tovwire::kCtrlOpen, body, kTimeoutMs, kCodes, err, nullptr);
+  const int rc = tovhost::request(tovwire::kCtrlOpen, body, kTimeoutMs, kCodes, err, nullptr);
+  if (rc == TOV_NO_ERR) Link::instance().addChannel(dev_id);
+  return rc;
 }
 
 int tov_wds_srvc_init_client(const char* dev_id, tov_wds_indication_hdlr_type hdlr, void* user_data,
                              int* err) {
   if (err != nullptr) *err = TOV_SERVICE_ERR_NONE;
   if (!validPort(dev_id)) return TOV_INTERNAL_ERR;
-  Link& link = Link::instance();
-  const uint64_t connection = link.connection();
   Writer body;
   body.str(dev_id);
-  std::vector<uint8_t> rest;
-  // Every failure is -1: callers take -1 for "no client".
-  if (tovhost::request(tovwire::kWdsStart, body, kTimeoutMs, kCodes, err, &rest) != TOV_NO_ERR)
-    return TOV_INTERNAL_ERR;
-  Reader in(rest.data(), rest.size());
-  tovhost::Client client;
-  client.simId = in.u32();
-  client.connection = connection;
-  if (!in.done()) return TOV_INTERNAL_ERR;
-  client.deliver = [hdlr, user_data](int handle, uint16_t kind, Reader& ind) {
+  tovhost::Start start;
+  start.releaseKind = tovwire::kWdsRelease;
+  start.client.deliver = [hdlr, user_data](int handle, uint16_t kind, Reader& ind) {
     if (kind != tovwire::kWdsIndication || hdlr == nullptr) return;
     const uint32_t id = ind.u32();
     tov_wds_indication_data_type data;
     memset(&data, 0, sizeof(data));
     data.event_report.event_mask = static_cast<unsigned long>(ind.u64());
-    const uint32_t dorm = ind.u32();
-    if (!ind.done() || !knownIndication(id) || !knownDormancy(dorm)) return;
-    data.event_report.dorm_status = static_cast<tov_wds_dorm_status_type>(dorm);
+    data.event_report.dorm_status = dormancy(ind.u32());
+    if (!ind.done() || !knownIndication(id)) return;
     hdlr(handle, TOV_WDS_SERVICE, user_data, static_cast<tov_wds_indication_id_type>(id), &data);
   };
-  return link.addClient(std::move(client));
+  std::vector<uint8_t> rest;
+  // Every failure is -1: callers take -1 for "no client".
+  if (tovhost::request(tovwire::kWdsStart, body, kTimeoutMs, kCodes, err, &rest, &start) !=
+          TOV_NO_ERR ||
+      start.handle == 0)
+    return TOV_INTERNAL_ERR;
+  return start.handle;
 }
 
 int tov_wds_set_client_ip_pref(int handle, tov_ip_family_pref_type ip_family, int* err) {
@@ -145,8 +144,8 @@ int tov_wds_get_dormancy_status(int handle, tov_wds_dorm_status_type* status, in
   if (rc != TOV_NO_ERR) return rc;
   Reader in(rest.data(), rest.size());
   const uint32_t value = in.u32();
-  if (!in.done() || !knownDormancy(value)) return TOV_INTERNAL_ERR;
-  *status = static_cast<tov_wds_dorm_status_type>(value);
+  if (!in.done()) return TOV_INTERNAL_ERR;
+  *status = dormancy(value);
   return TOV_NO_ERR;
 }
 
@@ -164,7 +163,7 @@ int tov_wds_srvc_release_client(int handle, int* err) {
   if (!live) return TOV_PORT_NOT_OPEN_ERR;
   Writer body;
   body.u32(simId);
-  return tovhost::request(tovwire::kWdsRelease, body, kTimeoutMs, kCodes, err, nullptr);
+  return tovhost::release(tovwire::kWdsRelease, body, kTimeoutMs, kCodes, err);
 }
 
 }  // extern "C"

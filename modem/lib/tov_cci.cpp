@@ -58,19 +58,13 @@ tov_client_error_type tov_client_dfs_init_instance(const char* dev_str,
   if (dev_str == nullptr || *dev_str == '\0' || strnlen(dev_str, kMaxPortName + 1) > kMaxPortName ||
       service_obj != &gDfsService || user_handle == nullptr)
     return TOV_CLIENT_PARAM_ERR;
-  Link& link = Link::instance();
-  const uint64_t connection = link.connection();
   Writer body;
   body.str(dev_str).u32(static_cast<uint32_t>(instance_id));
-  std::vector<uint8_t> rest;
-  const int rc = tovhost::request(tovwire::kDfsStart, body, timeout, kCodes, nullptr, &rest);
-  if (rc != TOV_CLIENT_NO_ERR) return rc;
-  Reader in(rest.data(), rest.size());
-  tovhost::Client client;
-  client.simId = in.u32();
-  client.connection = connection;
-  if (!in.done()) return TOV_CLIENT_INTERNAL_ERR;
-  client.deliver = [ind_cb, ind_cb_data](int handle, uint16_t kind, Reader& ind) {
+  tovhost::Start start;
+  start.releaseKind = tovwire::kDfsRelease;
+  // The handle is the caller's before the client can receive an indication.
+  start.published = [user_handle](int handle) { *user_handle = toHandle(handle); };
+  start.client.deliver = [ind_cb, ind_cb_data](int handle, uint16_t kind, Reader& ind) {
     if (kind != tovwire::kDfsIndication || ind_cb == nullptr) return;
     const uint16_t msgId = ind.u16();
     if (!ind.ok()) return;
@@ -80,8 +74,10 @@ tov_client_error_type tov_client_dfs_init_instance(const char* dev_str,
     ind_cb(toHandle(handle), msgId, msg.empty() ? &none : msg.data(),
            static_cast<unsigned int>(msg.size()), ind_cb_data);
   };
-  *user_handle = toHandle(link.addClient(std::move(client)));
-  return TOV_CLIENT_NO_ERR;
+  std::vector<uint8_t> rest;
+  const int rc = tovhost::request(tovwire::kDfsStart, body, timeout, kCodes, nullptr, &rest, &start);
+  if (rc != TOV_CLIENT_NO_ERR) return rc;
+  return start.handle != 0 ? TOV_CLIENT_NO_ERR : TOV_CLIENT_INTERNAL_ERR;
 }
 
 tov_client_error_type tov_client_send_msg_sync(tov_client_type user_handle, unsigned int msg_id,
@@ -133,7 +129,7 @@ tov_client_error_type tov_client_release(tov_client_type user_handle) {
   if (!live) return TOV_CLIENT_TRANSPORT_ERR;
   Writer body;
   body.u32(simId);
-  return tovhost::request(tovwire::kDfsRelease, body, 5000, kCodes, nullptr, nullptr);
+  return tovhost::release(tovwire::kDfsRelease, body, 5000, kCodes, nullptr);
 }
 
 }  // extern "C"

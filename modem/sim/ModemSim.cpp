@@ -20,12 +20,7 @@ namespace {
 constexpr size_t kMaxPortName = 15;
 constexpr size_t kLogLines = 10000;
 
-bool validPort(const std::string& port) {
-  if (port.empty() || port.size() > kMaxPortName) return false;
-  for (char c : port)
-    if (c <= ' ' || c > '~') return false;
-  return true;
-}
+bool validPort(const std::string& port) { return portNameProblem(port).empty(); }
 
 std::string result(int rc, int err, bool fault) {
   if (rc == 0) return "ok";
@@ -40,6 +35,21 @@ Outgoing answerFrame(uint64_t connection, const tovwire::Header& h, const Writer
 }  // namespace
 
 const char* familyName(int family) { return family == 1 ? "v6" : "v4"; }
+
+std::string portNameProblem(const std::string& name) {
+  std::string shown;  // printable, whatever the name holds
+  for (char c : name.substr(0, 32)) shown += (c >= ' ' && c != 0x7f) ? c : '?';
+  const std::string named = "port name '" + shown + "' ";
+  if (name.empty()) return "empty port name";
+  if (name.size() > kMaxPortName) return named + "is longer than 15 characters";
+  if (name == "." || name == "..") return named + "is not a name";
+  for (char c : name) {
+    if (c == '/' || c == ':') return named + "contains '" + c + "'";
+    if ((c >= 0 && c < ' ') || c == 0x7f) return named + "contains a control character";
+    if (c == ' ') return named + "contains a space";
+  }
+  return "";
+}
 
 bool parseNumber(const std::string& text, long min, long max, long* out) {
   char* end = nullptr;
@@ -87,7 +97,12 @@ void ModemSim::handleFrame(uint64_t connection, const tovwire::Header& header,
       return;
     }
     std::string text;
-    const int status = command(args, text, out);
+    int status = command(args, text, out);
+    if (text.size() > tovwire::kMaxBody - 8) {
+      status = 1;
+      text = "the answer of " + std::to_string(text.size()) +
+             " bytes is longer than the wire takes (8 MiB)\n";
+    }
     answer.i32(status).text(text);
     out.push_back({connection, answer.frame(tovwire::kCli | tovwire::kAnswer, header.seq), false});
     return;

@@ -24,6 +24,10 @@ namespace modemsim {
 const char* familyName(int family);
 // A decimal number from `text` within [min, max]; false for anything else.
 bool parseNumber(const std::string& text, long min, long max, long* out);
+// What keeps `name` from being a port's name, or "" when nothing does. Ports are named
+// as the kernel names interfaces: 1 to 15 bytes, not "." or "..", no '/', ':',
+// whitespace or control character.
+std::string portNameProblem(const std::string& name);
 
 // A frame for connection `connection`. Answers to library requests wait for the
 // configured delay; everything else goes out at once, behind what is queued.

@@ -38,6 +38,12 @@ std::string v6(const uint8_t (&a)[16]) {
 std::string quoted(const std::string& s) {
   std::string out = "\"";
   for (char c : s) {
+    if ((c >= 0 && c < ' ') || c == 0x7f) {
+      char escaped[8];
+      snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+      out += escaped;
+      continue;
+    }
     if (c == '"' || c == '\\') out += '\\';
     out += c;
   }
@@ -209,33 +215,42 @@ std::string ModemSim::stateJson() const {
 
 int ModemSim::command(const std::vector<std::string>& args, std::string& text,
                       std::vector<Outgoing>& out) {
-  auto usage = [&](const std::string& message) {
-    text = message + "\n";
+  // What is wrong, then how the command is used.
+  auto wrong = [&](const std::string& what, const std::string& use) {
+    text = what + "\n" + (use.empty() ? "" : "usage: " + use + "\n");
     return 2;
   };
-  if (args.empty()) return usage("no command");
+  if (args.empty()) return wrong("no command", "");
   const std::string& cmd = args[0];
   const size_t n = args.size();
+  // The first argument past what the command takes.
+  auto extra = [&](size_t taken) { return cmd + ": unexpected argument '" + args[taken] + "'"; };
 
   if (cmd == "state") {
-    if (n == 1) text = stateText();
-    else if (n == 2 && args[1] == "--json") text = stateJson();
-    else return usage("usage: state [--json]");
+    const char* use = "state [--json]";
+    if (n > 2) return wrong(extra(2), use);
+    if (n == 2 && args[1] != "--json") return wrong(cmd + ": unknown option '" + args[1] + "'", use);
+    text = n == 1 ? stateText() : stateJson();
     return 0;
   }
   if (cmd == "dormancy" || cmd == "filter-mode") {
     const bool dorm = cmd == "dormancy";
-    const char* on = dorm ? "dormant" : "on";
-    const char* off = dorm ? "active" : "off";
-    const std::string use = "usage: " + cmd + " PORT [v4|v6] " + on + "|" + off;
-    if (n != 3 && n != 4) return usage(use);
+    const std::string on = dorm ? "dormant" : "on";
+    const std::string off = dorm ? "active" : "off";
+    const std::string use = cmd + " PORT [v4|v6] " + on + "|" + off;
+    if (n < 3) return wrong(cmd + ": too few arguments", use);
+    if (n > 4) return wrong(extra(4), use);
     int family = -1;
     if (n == 4) {
-      if (args[2] != "v4" && args[2] != "v6") return usage(use);
+      if (args[2] != "v4" && args[2] != "v6")
+        return wrong(cmd + ": family '" + args[2] + "' is neither v4 nor v6", use);
       family = args[2] == "v6" ? kV6 : kV4;
     }
     const std::string& value = args[n - 1];
-    if ((value != on && value != off) || args[1].empty() || args[1].size() > 15) return usage(use);
+    if (value != on && value != off)
+      return wrong(cmd + ": '" + value + "' is neither " + on + " nor " + off, use);
+    const std::string problem = portNameProblem(args[1]);
+    if (!problem.empty()) return wrong(cmd + ": " + problem, use);
     record("cli " + cmd + " " + args[1] + (family < 0 ? "" : std::string(" ") + familyName(family)) +
            " " + value);
     if (dorm)
@@ -246,23 +261,26 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
   }
   if (cmd == "traffic") return traffic(args, text, out);
   if (cmd == "energy") {
+    const char* use = "energy [--json|--reset|--oracle MAX_PROMOTIONS]";
+    if (n > 3 || (n == 3 && args[1] != "--oracle")) return wrong(extra(n > 3 ? 3 : 2), use);
     if (n == 1) {
       text = energyText();
-    } else if (n == 2 && args[1] == "--json") {
+    } else if (args[1] == "--json") {
       text = energyJson();
-    } else if (n == 2 && args[1] == "--reset") {
+    } else if (args[1] == "--reset") {
       resetEnergy();
     } else if (long most = 0;
                n == 3 && args[1] == "--oracle" && parseNumber(args[2], 0, INT32_MAX, &most)) {
       text = oracleText(most);
     } else {
-      return usage("usage: energy [--json|--reset|--oracle MAX_PROMOTIONS]");
+      return wrong(cmd + ": unknown option '" + args[1] + "'", use);
     }
     return 0;
   }
   if (cmd == "fail") {
-    const std::string use = "usage: fail OPERATION [--times N] [--error CODE] | fail clear";
-    if (n == 2 && args[1] == "clear") {
+    const char* use = "fail OPERATION [--times N] [--error CODE] | fail [clear]";
+    if (n >= 2 && args[1] == "clear") {
+      if (n > 2) return wrong(extra(2), use);
       faults_.clear();
       return 0;
     }
@@ -274,13 +292,19 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
     }
     const auto& ops = operations();
     if (std::find(ops.begin(), ops.end(), args[1]) == ops.end())
-      return usage("unknown operation '" + args[1] + "' (see modemsim --help)");
+      return wrong("fail: unknown operation '" + args[1] + "' (see modemsim --help)", use);
     long times = 1, error = TOV_SERVICE_ERR_INTERNAL;
     for (size_t i = 2; i < n; i += 2) {
-      if (i + 1 >= n) return usage(use);
-      if (args[i] == "--times" && parseNumber(args[i + 1], 0, 1000000, &times)) continue;
-      if (args[i] == "--error" && parseNumber(args[i + 1], 1, 0xffff, &error)) continue;
-      return usage(use);
+      const std::string& option = args[i];
+      if (option != "--times" && option != "--error")
+        return wrong("fail: unknown option '" + option + "'", use);
+      if (i + 1 >= n) return wrong("fail: " + option + " needs a value", use);
+      const bool isTimes = option == "--times";
+      if (!parseNumber(args[i + 1], isTimes ? 0 : 1, isTimes ? 1000000 : 0xffff,
+                       isTimes ? &times : &error))
+        return wrong("fail: " + option + " takes a number from " +
+                         (isTimes ? "0 to 1000000" : "1 to 65535") + ", not '" + args[i + 1] + "'",
+                     use);
     }
     if (times == 0)
       faults_.erase(args[1]);
@@ -289,19 +313,25 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
     return 0;
   }
   if (cmd == "delay") {
+    const char* use = "delay MS";
     long ms = 0;
-    if (n != 2 || !parseNumber(args[1], 0, 600000, &ms)) return usage("usage: delay MS (0 to 600000)");
+    if (n < 2) return wrong("delay: no time given", use);
+    if (n > 2) return wrong(extra(2), use);
+    if (!parseNumber(args[1], 0, 600000, &ms))
+      return wrong("delay: '" + args[1] + "' is not a number of milliseconds from 0 to 600000", use);
     delayMs_ = static_cast<int>(ms);
     return 0;
   }
   if (cmd == "restart") {
-    if (n != 1) return usage("usage: restart");
+    if (n > 1) return wrong(extra(1), "restart");
     record("cli restart");
     restart(out);
     return 0;
   }
   if (cmd == "log") {
-    if (n > 2 || (n == 2 && args[1] != "--clear")) return usage("usage: log [--clear]");
+    const char* use = "log [--clear]";
+    if (n > 2) return wrong(extra(2), use);
+    if (n == 2 && args[1] != "--clear") return wrong("log: unknown option '" + args[1] + "'", use);
     // The answer must fit one frame: the oldest lines give way.
     size_t room = tovwire::kMaxBody - 128;
     auto first = log_.end();
@@ -313,7 +343,7 @@ int ModemSim::command(const std::vector<std::string>& args, std::string& text,
     if (n == 2) log_.clear();
     return 0;
   }
-  return usage("unknown command '" + cmd + "' (see modemsim --help)");
+  return wrong("unknown command '" + cmd + "' (see modemsim --help)", "");
 }
 
 }  // namespace modemsim

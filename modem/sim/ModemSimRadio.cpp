@@ -129,22 +129,24 @@ int64_t ModemSim::nextRadioEventMs() const {
 int ModemSim::traffic(const std::vector<std::string>& args, std::string& text,
                       std::vector<Outgoing>& out) {
   const size_t n = args.size();
-  auto usage = [&] {
-    text =
-        "usage: traffic PORT up|down [--family v4|v6] [--proto tcp|udp] [--src-port N] "
-        "[--dst-port N] [--count N]\n";
+  auto wrong = [&](const std::string& what) {
+    text = "traffic: " + what +
+           "\nusage: traffic PORT up|down [--family v4|v6] [--proto tcp|udp] [--src-port N] "
+           "[--dst-port N] [--count N]\n";
     return 2;
   };
-  if (n < 3 || args[1].empty() || args[1].size() > 15 || (args[2] != "up" && args[2] != "down"))
-    return usage();
+  if (n < 3) return wrong("too few arguments");
   const std::string& name = args[1];
+  const std::string problem = portNameProblem(name);
+  if (!problem.empty()) return wrong(problem);
+  if (args[2] != "up" && args[2] != "down") return wrong("'" + args[2] + "' is neither up nor down");
   const bool up = args[2] == "up";
   int family = kV4;
   int proto = DFS_PROTO_TCP_V01;
   long srcPort = 0, dstPort = 0, count = 1;
   for (size_t i = 3; i < n; i += 2) {
-    if (i + 1 >= n) return usage();
     const std::string& option = args[i];
+    if (i + 1 >= n) return wrong(option + " needs a value");
     const std::string& value = args[i + 1];
     if (option == "--family" && (value == "v4" || value == "v6")) {
       family = value == "v6" ? kV6 : kV4;
@@ -153,7 +155,7 @@ int ModemSim::traffic(const std::vector<std::string>& args, std::string& text,
     } else if (!((option == "--src-port" && parseNumber(value, 0, 65535, &srcPort)) ||
                  (option == "--dst-port" && parseNumber(value, 0, 65535, &dstPort)) ||
                  (option == "--count" && parseNumber(value, 1, 1000000, &count)))) {
-      return usage();
+      return wrong("'" + option + " " + value + "' is not an option this command takes");
     }
   }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace modemsim {
@@ -21,7 +22,9 @@ constexpr uint64_t kListenId = 1;
 constexpr uint64_t kWakeId = 2;
 constexpr uint64_t kFirstConn = 16;
 // A peer that stops reading is dropped once this much waits for it.
-constexpr size_t kMaxQueued = 8 << 20;
+constexpr size_t kMaxQueued = 4 * size_t(tovwire::kMaxBody);
+// Out of descriptors, the listening socket rests this long (or until a connection ends).
+constexpr int64_t kAcceptPauseMs = 1000;
 
 int64_t nowNs() {
   timespec ts;
@@ -124,6 +127,7 @@ void SimServer::run() {
           readFrom(id);
       }
     }
+    if (acceptAgainMs_ >= 0 && nowMs() >= acceptAgainMs_) pauseAccepting(false);
     advance();
     // Delayed answers that are due now.
     std::vector<uint64_t> ids;
@@ -139,6 +143,10 @@ int SimServer::timeoutMs() const {
     if (!c.second.out.empty() && (earliest < 0 || c.second.out.front().dueMs < earliest))
       earliest = c.second.out.front().dueMs;
   int64_t wait = earliest < 0 ? -1 : std::max<int64_t>(0, earliest - nowMs());
+  if (acceptAgainMs_ >= 0) {
+    const int64_t acceptWait = std::max<int64_t>(0, acceptAgainMs_ - nowMs());
+    wait = wait < 0 ? acceptWait : std::min(wait, acceptWait);
+  }
   const int64_t radioAt = sim_.nextRadioEventMs();
   if (radioAt >= 0) {
     // Rounded up: woken early, the loop would only wait again.
@@ -159,10 +167,27 @@ void SimServer::advance() {
   send(out);
 }
 
+void SimServer::pauseAccepting(bool paused) {
+  if (paused == (acceptAgainMs_ >= 0)) return;
+  acceptAgainMs_ = paused ? nowMs() + kAcceptPauseMs : -1;
+  epoll_event ev = {};
+  ev.events = EPOLLIN;
+  ev.data.u64 = kListenId;
+  epoll_ctl(epollFd_, paused ? EPOLL_CTL_DEL : EPOLL_CTL_ADD, listenFd_, &ev);
+}
+
 void SimServer::accept() {
   for (;;) {
     const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) return;  // EAGAIN, or no descriptor to spare: the peer waits in the backlog
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+      // The peer waits in the backlog; retrying at once would only spin.
+      if (!outOfDescriptorsSaid_)
+        fprintf(stderr, "modemsim: cannot accept: %s; trying again every second\n", strerror(errno));
+      outOfDescriptorsSaid_ = true;
+      pauseAccepting(true);
+      return;
+    }
+    if (fd < 0) return;  // EAGAIN
     const uint64_t id = nextConn_++ + kFirstConn;
     epoll_event ev = {};
     ev.events = EPOLLIN;
@@ -280,6 +305,7 @@ void SimServer::close(uint64_t id) {
   ::close(it->second.fd);
   conns_.erase(it);
   sim_.connectionClosed(id);
+  pauseAccepting(false);  // its descriptor is free now
 }
 
 int runCommand(const std::string& path, const std::vector<std::string>& args, std::string* text) {

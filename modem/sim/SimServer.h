@@ -52,6 +52,8 @@ class SimServer {
   };
 
   void accept();
+  // Stops or resumes watching the listening socket (stopped: out of descriptors).
+  void pauseAccepting(bool paused);
   void readFrom(uint64_t id);
   void send(const std::vector<Outgoing>& frames);
   void flush(uint64_t id);
@@ -70,6 +72,8 @@ class SimServer {
   int epollFd_ = -1;
   int wakeFd_ = -1;
   std::atomic<bool> stop_{false};
+  int64_t acceptAgainMs_ = -1;  // when a paused listening socket is watched again; -1 watched
+  bool outOfDescriptorsSaid_ = false;  // said once per process
   std::map<uint64_t, Conn> conns_;
   uint64_t nextConn_ = 1;
 };

@@ -9,7 +9,7 @@
 //   offset 0  u32 magic     0x57564f54 ("TOVW")
 //   offset 4  u16 version   kVersion; a frame of another version is refused
 //   offset 6  u16 kind      one of Kind; an answer is its request's kind | kAnswer
-//   offset 8  u32 length    body bytes, at most kMaxBody
+//   offset 8  u32 length    body bytes, at most kMaxBody (8 MiB)
 //   offset 12 u32 seq       chosen by the sender of a request, repeated by its answer;
 //                           0 in indications and events
 //
@@ -43,7 +43,8 @@
 //   kSysEvent      u32 event, u32 restart_count
 //
 // Command line (modemsim's subcommands): kCli u16 argc, then argc str -> i32 status,
-// text. Status 0 is success; the text is what the command prints.
+// text. Status 0 is success; the text is what the command prints. An answer that would
+// not fit kMaxBody is status 1 with a text that says so.
 //
 // A frame the simulator cannot take is answered with kError (str reason, the frame's
 // seq or 0) and, when the header itself is bad, the connection is closed: a stream
@@ -69,7 +70,7 @@ namespace tovwire {
 constexpr uint32_t kMagic = 0x57564f54;
 constexpr uint16_t kVersion = 1;
 constexpr size_t kHeaderSize = 16;
-constexpr uint32_t kMaxBody = 65536;
+constexpr uint32_t kMaxBody = 8 << 20;
 constexpr size_t kMaxString = 255;
 constexpr const char* kSocketEnv = "TOV_SIM_SOCKET";
 constexpr const char* kDefaultSocket = "/tmp/modemsim.sock";

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,8 +14,6 @@
 #include "NoxTov.h"
 #include "SimServer.h"
 
-extern char** environ;
-
 ModemSimProcess::ModemSimProcess() {
   char dir[] = "/tmp/noxsim-XXXXXX";
   if (mkdtemp(dir) == nullptr) {
@@ -24,10 +22,20 @@ ModemSimProcess::ModemSimProcess() {
   }
   dir_ = dir;
   path_ = dir_ + "/sim.sock";
+  start();
+}
+
+void ModemSimProcess::start() {
   const char* argv[] = {MODEMSIM_PATH, "--socket", path_.c_str(), "serve", nullptr};
-  if (posix_spawn(&pid_, MODEMSIM_PATH, nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
+  pid_ = fork();
+  if (pid_ == 0) {
+    // A test that dies must not leave the simulator holding its output open.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    execv(MODEMSIM_PATH, const_cast<char**>(argv));
+    _exit(127);
+  }
+  if (pid_ < 0) {
     ADD_FAILURE() << "cannot start " << MODEMSIM_PATH;
-    pid_ = -1;
     return;
   }
   setenv("TOV_SIM_SOCKET", path_.c_str(), 1);
@@ -43,6 +51,10 @@ ModemSimProcess::~ModemSimProcess() {
   kill();
   unlink(path_.c_str());
   rmdir(dir_.c_str());
+}
+
+void ModemSimProcess::pause(bool stopped) {
+  if (pid_ >= 0) ::kill(pid_, stopped ? SIGSTOP : SIGCONT);
 }
 
 void ModemSimProcess::kill() {

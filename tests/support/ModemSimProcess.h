@@ -21,8 +21,11 @@ class ModemSimProcess {
   std::string cli(const std::vector<std::string>& args, int expected = 0);
   // The requests received since the last call, one line each without their numbers.
   std::vector<std::string> requests();
-  // The simulator dies at once (SIGKILL).
+  // The simulator dies at once (SIGKILL); start() brings a new one up on the same socket.
   void kill();
+  void start();
+  // Stops (SIGSTOP) or continues (SIGCONT) the simulator: stopped, it reads nothing.
+  void pause(bool stopped);
   const std::string& path() const { return path_; }
 
  private:

@@ -3,6 +3,7 @@
 
 #include <sys/epoll.h>
 
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <set>
@@ -16,6 +17,9 @@ class NoxTimer;
 // Called on the loop thread when the descriptor is ready / when its handler is removed.
 typedef void (*ComEventCallback)(int fd, void* data);
 typedef void (*ComCloseCallback)(int fd, void* data);
+// Called on the loop thread with a value posted from another thread; `fd` is the
+// descriptor it came through (the loop's wake-up descriptor).
+typedef void (*ComPostCallback)(int fd, void* target, int value);
 
 // The daemon's single-threaded descriptor loop (epoll, level-triggered) and its
 // outbound message path. The loop thread is the one that constructs it; everything
@@ -39,17 +43,26 @@ class NoxCom {
   // Registers `fd` for `events` and approves it. False (nothing changes) when `fd`
   // already has a handler or is negative. The caller keeps ownership of the descriptor.
   // From any other thread (the modem library's) the registration is handed to the
-  // loop, which makes it at its next pass; the call then returns true at once.
+  // loop, which makes it at the end of its current or next pass; the call then
+  // returns true at once.
   bool addComEventHandler(int fd, ComEventCallback cb, void* data, ComCloseCallback closeCb,
                           int events);
-  // Hands `data` to the loop from any thread: a fresh eventfd, readable at once, is
-  // registered for `cb`, which then owns the descriptor and `data`. False when no
-  // descriptor is left; nothing is registered then.
-  bool postEvent(ComEventCallback cb, void* data);
+  // Hands `value` for `target` to the loop from any thread, without waiting for it: the
+  // loop calls cb(fd, target, value) at the end of its current or next pass, in the
+  // order posted. A value still queued for the same `cb` and `target` is replaced where
+  // it stands (only the latest counts). At most kMaxPosted wait; a post beyond them is
+  // dropped, counted and logged (at most once every 10 s), and false is returned.
+  bool postEvent(ComPostCallback cb, void* target, int value);
+  // Forgets what is queued for `target` (loop thread): its owner is going away.
+  void cancelPosts(void* target);
+  // Posts dropped because the queue was full, since construction.
+  uint64_t droppedPosts() const;
   // Unregisters `fd`, runs its close callback and unapproves it; never closes it.
   void removeComEventHandler(int fd);
   // One wait of at most `timeoutMs` (-1: no limit) for up to 4 events, then the due
-  // timers, then the handlers of the ready descriptors, last returned first.
+  // timers, then the handlers of the ready descriptors, last returned first, then what
+  // other threads handed over (taken after the wake-up descriptor was drained, so that
+  // no hand-over waits for an unrelated event).
   void processEvents(int timeoutMs, NoxTimer& timer);
   // Ends a wait in progress. The only operation safe from any thread.
   void wake();
@@ -76,6 +89,7 @@ class NoxCom {
 
  private:
   static const int kMaxEvents = 4;
+  static const size_t kMaxPosted = 256;
 
   struct Registration {
     int fd;
@@ -89,6 +103,7 @@ class NoxCom {
   void handleEvent(const epoll_event& ev, int remaining);
   bool registerHandler(const Registration& r);
   void takeHandedOver();
+  void reportDrops();
 
   int epollFd;
   int wakeFd;
@@ -101,10 +116,20 @@ class NoxCom {
   std::set<int> removedInPass;
   bool inPass = false;
   const std::thread::id loopThread;
-  // Registrations from other threads. The lock is held only to add or take them, never
-  // while a handler runs, so another thread never waits for the loop.
-  std::mutex handOverMutex;
+  struct Posted {
+    ComPostCallback cb;
+    void* target;
+    int value;
+  };
+  // Registrations and posts from other threads. The lock is held only to add or take
+  // them, never while a handler runs, so another thread never waits for the loop.
+  mutable std::mutex handOverMutex;
   std::vector<Registration> handedOver;
+  std::vector<Posted> posted;
+  std::vector<Posted> delivering;  // loop thread: the batch being delivered
+  uint64_t dropped = 0;
+  uint64_t dropsLogged = 0;    // loop thread: the count the last drop line gave
+  int64_t dropsLoggedMs = -1;  // loop thread: when that line was written
 
   static std::vector<uint8_t> approvedFd;  // indexed by descriptor number: 1 approved
   static int noxClientFd;

@@ -32,8 +32,9 @@ static_assert(sizeof(NoxConnTrackFilter_s) == 44, "connection filter");
 // One modem DFS client for one port (the interface name) and one IP family: binds to
 // the family, turns auto-exit on, installs and clears power-save filters, switches
 // and reads the filter mode, and follows its changes. Loop thread only, but for the
-// library's indication callbacks, which hand each indication to the loop through an
-// eventfd of its own. Results: 1 success, -1 failure.
+// library's indication callbacks, which post the indicated mode to the loop
+// (NoxCom::postEvent): a later mode of the same tracker replaces one the loop has not
+// taken yet. Results: 1 success, -1 failure.
 class NoxDfsTracker {
  public:
   // Called on the loop thread with the indicated mode (1 on, 0 off).
@@ -68,8 +69,8 @@ class NoxDfsTracker {
   static void dfsIndCb(tov_client_type handle, unsigned msgId, void* indBuf, unsigned indBufLen,
                        void* indCbData);
   void handleDfsFilterModeInd(tov_client_type handle, bool mode);
-  // Loop-side handler of an indication's eventfd; `record` is the indication.
-  static void dfsEventfdCallback(int fd, void* record);
+  // Loop-side handler of a posted mode (1 on, 0 off); `tracker` may have gone meanwhile.
+  static void dfsEventfdCallback(int fd, void* tracker, int mode);
 
   tov_client_type mClientHandle;
   NoxCom& mCom;

@@ -18,7 +18,8 @@ enum NoxDormancyStatusType : int {
 // One modem WDS client for one port (the interface name) and one IP family: reads the
 // data link's dormancy, orders it dormant, and keeps the dormancy report on while its
 // port tracker has registrations. Loop thread only, but for the library's indication
-// callbacks, which hand each indication to the loop through an eventfd of its own.
+// callbacks, which post the indicated status to the loop (NoxCom::postEvent): a later
+// status of the same tracker replaces one the loop has not taken yet.
 class NoxWdsTracker {
  public:
   // Called on the loop thread with the indicated dormancy; `data` is mIndCbData.
@@ -27,7 +28,7 @@ class NoxWdsTracker {
   // Starts the client at once; a client that fails to start leaves mWdsHandle -1 (or
   // the library's negative result), and the tracker's queries then fail.
   NoxWdsTracker(const char* devId, tov_ip_family_pref_type ipType, NoxCom& com);
-  // Releases the client; an indication still on its way is dropped by the loop.
+  // Releases the client; a status still on its way to the loop is dropped.
   ~NoxWdsTracker();
   NoxWdsTracker(const NoxWdsTracker&) = delete;
   NoxWdsTracker& operator=(const NoxWdsTracker&) = delete;
@@ -49,8 +50,8 @@ class NoxWdsTracker {
                                tov_wds_indication_id_type indId,
                                tov_wds_indication_data_type* indData);
   void processEventReportIndication(int userHandle, tov_wds_indication_data_type* indData);
-  // Loop-side handler of an indication's eventfd; `record` is the indication.
-  static void wdsEventfdCallback(int fd, void* record);
+  // Loop-side handler of a posted status; `tracker` may have gone meanwhile.
+  static void wdsEventfdCallback(int fd, void* tracker, int status);
 
   NoxCom& mCom;
   std::unique_ptr<char[]> mTovPort;  // 17 bytes: the port name and its terminator

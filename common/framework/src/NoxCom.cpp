@@ -5,8 +5,10 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -18,6 +20,7 @@
 
 namespace {
 constexpr unsigned int kMaxMessageSize = 1024;
+constexpr int64_t kDropLogIntervalMs = 10000;
 
 // `err` is the failed call's errno, taken before any log line can change it.
 void logSysError(const char* what, int err = errno) {
@@ -72,11 +75,38 @@ bool NoxCom::addComEventHandler(int fd, ComEventCallback cb, void* data, ComClos
   return registerHandler(r);
 }
 
-bool NoxCom::postEvent(ComEventCallback cb, void* data) {
-  const int fd = eventfd(1, EFD_NONBLOCK);
-  if (fd < 0) return false;
-  addComEventHandler(fd, cb, data, nullptr, EPOLLIN);
+bool NoxCom::postEvent(ComPostCallback cb, void* target, int value) {
+  {
+    std::lock_guard<std::mutex> lock(handOverMutex);
+    auto same = std::find_if(posted.begin(), posted.end(),
+                             [&](const Posted& p) { return p.cb == cb && p.target == target; });
+    if (same != posted.end()) {
+      same->value = value;
+      return true;  // its wake-up is still pending
+    }
+    if (posted.size() >= kMaxPosted) {
+      ++dropped;
+      return false;
+    }
+    posted.push_back({cb, target, value});
+  }
+  wake();
   return true;
+}
+
+void NoxCom::cancelPosts(void* target) {
+  // Also what this pass has already taken but not yet delivered.
+  for (Posted& p : delivering)
+    if (p.target == target) p.cb = nullptr;
+  std::lock_guard<std::mutex> lock(handOverMutex);
+  posted.erase(std::remove_if(posted.begin(), posted.end(),
+                              [&](const Posted& p) { return p.target == target; }),
+               posted.end());
+}
+
+uint64_t NoxCom::droppedPosts() const {
+  std::lock_guard<std::mutex> lock(handOverMutex);
+  return dropped;
 }
 
 bool NoxCom::registerHandler(const Registration& r) {
@@ -101,12 +131,39 @@ bool NoxCom::registerHandler(const Registration& r) {
 }
 
 void NoxCom::takeHandedOver() {
-  std::vector<Registration> taken;
+  std::vector<Registration> registrations;
   {
     std::lock_guard<std::mutex> lock(handOverMutex);
-    taken.swap(handedOver);
+    registrations.swap(handedOver);
+    delivering.swap(posted);
   }
-  for (const Registration& r : taken) registerHandler(r);
+  for (const Registration& r : registrations) registerHandler(r);
+  // By index: a callback may cancel later entries (cancelPosts) but never adds here.
+  for (size_t i = 0; i < delivering.size(); ++i) {
+    const Posted p = delivering[i];
+    if (p.cb != nullptr) p.cb(wakeFd, p.target, p.value);
+  }
+  delivering.clear();
+  reportDrops();
+}
+
+void NoxCom::reportDrops() {
+  uint64_t count;
+  {
+    std::lock_guard<std::mutex> lock(handOverMutex);
+    count = dropped;
+  }
+  if (count == dropsLogged) return;
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const int64_t nowMs = int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  if (dropsLoggedMs >= 0 && nowMs - dropsLoggedMs < kDropLogIntervalMs) return;
+  NOX_LOG(NOX_LOG_WARN, NOX_MOD_COM,
+          "hand-over queue full: %llu posted events dropped (%llu since start)",
+          static_cast<unsigned long long>(count - dropsLogged),
+          static_cast<unsigned long long>(count));
+  dropsLogged = count;
+  dropsLoggedMs = nowMs;
 }
 
 void NoxCom::removeComEventHandler(int fd) {
@@ -133,12 +190,13 @@ void NoxCom::processEvents(int timeoutMs, NoxTimer& timer) {
   // a descriptor whose event the wait returned.
   inPass = true;
   removedInPass.clear();
-  // Registered now, their descriptors are reported by the next wait.
-  takeHandedOver();
   timer.processEvents();
   for (int i = n - 1; i >= 0; --i) handleEvent(events[i], i + 1);
   inPass = false;
   removedInPass.clear();
+  // Last: whatever was handed over before the wake-up descriptor was drained above is
+  // taken now; what comes later left the descriptor readable for the next wait.
+  takeHandedOver();
 }
 
 void NoxCom::handleEvent(const epoll_event& ev, int remaining) {

@@ -1,7 +1,6 @@
 #include "NoxDfsTracker.h"
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <new>
@@ -23,13 +22,6 @@ constexpr int kFamilyV6 = 10;
 constexpr int kProtoTcp = 6;
 constexpr int kProtoUdp = 17;
 constexpr uint8_t kPrefixLen = 64;
-
-// One indication on its way to the loop; freed by the loop-side handler.
-struct DfsIndication {
-  NoxDfsTracker* tracker;
-  bool mode;
-  NoxCom* com;  // to take the descriptor off the loop also when the tracker has gone
-};
 
 // Handles are printed as the numbers they are in the host library.
 int handleNumber(tov_client_type handle) {
@@ -79,6 +71,8 @@ NoxDfsTracker::~NoxDfsTracker() {
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_TOV, "%s:%d", "NoxDfsTracker::~NoxDfsTracker()", 99);
   activeTrackers.erase(this);
   stopTovDfs();
+  // The client's callback has returned for good: nothing more is posted for this tracker.
+  mCom.cancelPosts(this);
 }
 
 template <typename Resp>
@@ -309,27 +303,13 @@ void NoxDfsTracker::handleDfsFilterModeInd(tov_client_type handle, bool mode) {
             handleNumber(handle), handleNumber(mClientHandle));
     return;
   }
-  DfsIndication* record = new (std::nothrow) DfsIndication{this, mode, &mCom};
-  if (record == nullptr) return;
-  // This thread is not the loop's. Without a descriptor the indication is lost, not leaked.
-  if (!mCom.postEvent(dfsEventfdCallback, record)) delete record;
+  // This thread is not the loop's. A mode still queued for this tracker is replaced.
+  mCom.postEvent(dfsEventfdCallback, this, mode ? 1 : 0);
 }
 
-void NoxDfsTracker::dfsEventfdCallback(int fd, void* data) {
+void NoxDfsTracker::dfsEventfdCallback(int fd, void* tracker, int mode) {
   NOX_LOG(NOX_LOG_DEBUG, NOX_MOD_TOV, "NoxDfsTracker::dfsEventfdCallback: fd %d", fd);
-  uint64_t value;
-  while (read(fd, &value, sizeof(value)) != -1) {
-  }
-  DfsIndication* record = static_cast<DfsIndication*>(data);
-  if (record == nullptr) {
-    close(fd);
-    return;
-  }
-  // Deliberate: the descriptor leaves the loop also when its tracker has gone, so that
-  // its number can serve the next client or indication.
-  record->com->removeComEventHandler(fd);
-  if (activeTrackers.count(record->tracker) != 0 && record->tracker->mIndCb != nullptr)
-    record->tracker->mIndCb(record->mode ? 1 : 0, record->tracker->mIndCbData);
-  delete record;
-  close(fd);
+  NoxDfsTracker* self = static_cast<NoxDfsTracker*>(tracker);
+  if (activeTrackers.count(self) != 0 && self->mIndCb != nullptr)
+    self->mIndCb(static_cast<unsigned char>(mode), self->mIndCbData);
 }

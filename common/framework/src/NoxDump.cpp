@@ -48,6 +48,8 @@ void Nox::dumpState() {
   }
   DUMP_LINE("  applications: %zu", dsm.GetAppInfoMap().size());
   DUMP_LINE("  modem library: handle %d", NoxTov::mTovHandle);
+  DUMP_LINE("  indications dropped (hand-over queue full): %llu",
+            static_cast<unsigned long long>(com.droppedPosts()));
   for (const auto& entry : tov.wdsPortTrackers()) {
     if (!entry.second) continue;
     const WdsPortTracker& p = *entry.second;

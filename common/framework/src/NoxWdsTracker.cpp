@@ -1,7 +1,5 @@
 #include "NoxWdsTracker.h"
 
-#include <unistd.h>
-
 #include <cstring>
 #include <new>
 
@@ -13,13 +11,6 @@ namespace {
 
 constexpr size_t kPortSize = 17;
 constexpr uint32_t kDormancyReportBit = TOV_WDS_EVENT_DORM_STATUS_IND;
-
-// One indication on its way to the loop; freed by the loop-side handler.
-struct WdsIndication {
-  NoxWdsTracker* tracker;
-  NoxDormancyStatusType status;
-  NoxCom* com;  // to take the descriptor off the loop also when the tracker has gone
-};
 
 }  // namespace
 
@@ -42,6 +33,8 @@ NoxWdsTracker::~NoxWdsTracker() {
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_TOV, "NoxWdsTracker: DToR");
   activeTrackers.erase(this);
   stopTovWds();
+  // The client's handler has returned for good: nothing more is posted for this tracker.
+  mCom.cancelPosts(this);
 }
 
 bool NoxWdsTracker::startTovWds(tov_ip_family_pref_type family) {
@@ -185,31 +178,16 @@ void NoxWdsTracker::processEventReportIndication(int userHandle,
   NOX_LOG(NOX_LOG_VERBOSE, NOX_MOD_TOV, "received wds indication with event mask:%ld",
           static_cast<long>(mask));
   if ((mask & kDormancyReportBit) == 0) return;
-  WdsIndication* record = new (std::nothrow) WdsIndication{
-      this,
-      indData->event_report.dorm_status == TOV_WDS_DORM_STATUS_DORMANT ? NOX_DORMANCY_STATUS_DORMANT
-                                                                        : NOX_DORMANCY_STATUS_ACTIVE,
-      &mCom};
-  if (record == nullptr) return;
-  // This thread is not the loop's. Without a descriptor the indication is lost, not leaked.
-  if (!mCom.postEvent(wdsEventfdCallback, record)) delete record;
+  const NoxDormancyStatusType status = indData->event_report.dorm_status == TOV_WDS_DORM_STATUS_DORMANT
+                                           ? NOX_DORMANCY_STATUS_DORMANT
+                                           : NOX_DORMANCY_STATUS_ACTIVE;
+  // This thread is not the loop's. A status still queued for this tracker is replaced.
+  mCom.postEvent(wdsEventfdCallback, this, status);
 }
 
-void NoxWdsTracker::wdsEventfdCallback(int fd, void* data) {
+void NoxWdsTracker::wdsEventfdCallback(int fd, void* tracker, int status) {
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_TOV, "wdsEventfdCallback fd %d", fd);
-  uint64_t value;
-  while (read(fd, &value, sizeof(value)) != -1) {
-  }
-  WdsIndication* record = static_cast<WdsIndication*>(data);
-  if (record == nullptr) {
-    close(fd);
-    return;
-  }
-  // Deliberate: the descriptor leaves the loop also when its tracker has gone, so that
-  // its number can serve the next client or indication.
-  record->com->removeComEventHandler(fd);
-  if (activeTrackers.count(record->tracker) != 0 && record->tracker->mIndCb != nullptr)
-    record->tracker->mIndCb(record->status, record->tracker->mIndCbData);
-  delete record;
-  close(fd);
+  NoxWdsTracker* self = static_cast<NoxWdsTracker*>(tracker);
+  if (activeTrackers.count(self) != 0 && self->mIndCb != nullptr)
+    self->mIndCb(static_cast<NoxDormancyStatusType>(status), self->mIndCbData);
 }
