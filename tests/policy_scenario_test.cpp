@@ -29,7 +29,6 @@
 namespace {
 
 constexpr const char* kIface = "mdlnk0";
-const int kAllow[2] = {2, 1};  // allow-list sizes of IPv4 and IPv6 below
 
 bool ip(const std::string& args) {
   const bool ok = system(("ip " + args + " >/dev/null").c_str()) == 0;
@@ -124,13 +123,15 @@ class PolicyScenario : public ::testing::Test {
       why.clear();
       for (int f = 0; f < 2; ++f) {
         const bool has = f == 0 ? v4_ : v6_;
-        if (fam[f].filtering && fam[f].rules != kAllow[f])
+        if (fam[f].filtering && fam[f].rules != allow_[f])
           FAIL() << step << ": v" << (f ? 6 : 4) << " filters with " << fam[f].rules << " rules\n"
                  << sim_.cli({"state"});
         if (!has) continue;
         if (!fam[f].client || !fam[f].wds) why += " no client";
-        else if (filter && !(fam[f].filtering && fam[f].rules == kAllow[f])) why += " not filtering";
-        else if (!filter && (fam[f].filtering || fam[f].rules != 0)) why += " still filtering";
+        else if (filter && allow_[f] > 0 && !(fam[f].filtering && fam[f].rules == allow_[f]))
+          why += " not filtering";
+        else if ((!filter || allow_[f] == 0) && (fam[f].filtering || fam[f].rules != 0))
+          why += " still filtering";
         else if (filter && !fam[f].dormant) why += " active";
       }
       if (why.empty()) return;
@@ -142,6 +143,7 @@ class PolicyScenario : public ::testing::Test {
   ModemSimProcess sim_;
   std::unique_ptr<Nox> nox_;
   std::string dir_;
+  int allow_[2] = {2, 1};  // the allow lists' sizes, IPv4 and IPv6
   bool screenOn_ = true, tethering_ = false, v4_ = false, v6_ = false;
 };
 
@@ -209,6 +211,21 @@ TEST_F(PolicyScenario, ThePortSettlesWhereThePoliciesWantIt) {
     settle("step " + std::to_string(n) + " (" + step + ")");
     if (HasFailure()) std::cout << "replay with NOX_SCENARIO_SEED=" << seed << std::endl;
   }
+}
+
+// A list longer than a settings line is refused whole: a cut one would let tcp/44 pass
+// for tcp/44321, and push messages of the real port be dropped.
+TEST_F(PolicyScenario, ALongAllowListIsRefusedAndItsFamilyNotFiltered) {
+  std::string list = "allow_v4:";
+  while (list.size() < 250) list += "tcp/5228 ";
+  std::ofstream(dir_ + "/ct.conf") << list << "tcp/44321\nallow_v6:tcp/5228\n";
+  allow_[0] = 0;
+  startDaemon();
+  addresses(true, true);
+  screenOn_ = false;
+  tell();
+  settle("screen off");
+  EXPECT_EQ(1, log_.count("allow_v4 is longer than 255 characters: refused, IPv4 is not filtered"));
 }
 
 }  // namespace
