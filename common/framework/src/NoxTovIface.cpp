@@ -22,7 +22,7 @@ long long monotonicMs() {
   return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
 }
 
-// Seconds before start retries 1 to kMaxStartRetries of an interface.
+// Delays before start retries 1 to kMaxStartRetries of an interface.
 constexpr int kStartRetryDelaysMs[] = {1000, 2000, 4000, 8000, 16000, 30000};
 constexpr int kMaxStartRetries = sizeof(kStartRetryDelaysMs) / sizeof(kStartRetryDelaysMs[0]);
 
