@@ -226,7 +226,9 @@ int ModemSim::wdsStart(uint64_t connection, Reader& in, int* err, Writer& answer
 
 int ModemSim::wdsRequest(uint16_t kind, uint64_t connection, Reader& in, int* err,
                          Writer& answer, std::string& note, std::vector<Outgoing>& out) {
-  static const std::map<uint16_t, std::string> kOps = {
+  // Never destroyed, as the DFS table: the release of a daemon stopping at exit may still
+  // come in.
+  static const std::map<uint16_t, std::string>& kOps = *new std::map<uint16_t, std::string>{
       {tovwire::kWdsIpPref, "wds-ip-pref"},           {tovwire::kWdsEventReport, "wds-event-report"},
       {tovwire::kWdsGetDormancy, "wds-get-dormancy"}, {tovwire::kWdsGoDormant, "wds-go-dormant"},
       {tovwire::kWdsRelease, "wds-release"}};

@@ -32,7 +32,9 @@ bool knownProtocol(int p) {
 
 int ModemSim::dfsMessage(uint32_t id, DfsClient& client, unsigned msgId, void* request,
                          void* response, std::string& note, std::vector<Outgoing>& out) {
-  static const std::map<unsigned, std::string> kOps = {
+  // Never destroyed: a simulator served in-process answers until the process has ended,
+  // after the static destructors.
+  static const std::map<unsigned, std::string>& kOps = *new std::map<unsigned, std::string>{
       {TOV_DFS_INDICATION_REGISTER_REQ_V01, "dfs-ind-register"},
       {TOV_DFS_BIND_CLIENT_REQ_V01, "dfs-bind"},
       {TOV_DFS_ADD_POWERSAVE_FILTERS_REQ_V01, "dfs-add-filters"},
