@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +24,7 @@
 #include "Nox.h"
 #include "ModemSimProcess.h"
 #include "TestLog.h"
+#include "Wire.h"
 
 namespace {
 
@@ -93,12 +93,6 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
     EXPECT_EQ(c.fdLoaded, nox->fdMgrHandle != nullptr);
     EXPECT_EQ(c.ctLoaded, nox->ctMgrHandle != nullptr);
     EXPECT_EQ(c.stop ? "noxd" : "", prop("ctl.stop"));
-    // The data state manager asks for NSRM, then the daemon asks the three switches in order.
-    EXPECT_EQ((std::vector<std::string>{"|CONFIG| NoxConfig::isEnabled: feature 2",
-                                        "|CONFIG| NoxConfig::isEnabled: feature 0",
-                                        "|CONFIG| NoxConfig::isEnabled: feature 1",
-                                        "|CONFIG| NoxConfig::isEnabled: feature 2"}),
-              log.matching("NoxConfig::isEnabled: feature"));
     // Each entry got this Nox and registered on its dispatcher, after the data state manager.
     EXPECT_EQ(1u + c.entriesRun, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
     log.clear();
@@ -106,36 +100,6 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
     EXPECT_EQ(2, log.count("|COMMON|   plug-in "));
     EXPECT_EQ(2 - c.entriesRun, static_cast<unsigned>(log.count(": not loaded")));
   }
-}
-
-// run() failures end the process; their log goes to standard error.
-int printToStderr(int, const char*, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vfprintf(stderr, format, args);
-  va_end(args);
-  fputc('\n', stderr);
-  return 0;
-}
-
-void runWithSocketEnv(const char* value) {
-  NoxLog::_libnoxlog_log_handle = printToStderr;
-  NoxLogAdb adb;
-  NoxMsg::nox_log_class_ptr = &adb;
-  auto nox = makeNox("4");
-  if (value == nullptr)
-    unsetenv("ANDROID_SOCKET_noxd");
-  else
-    setenv("ANDROID_SOCKET_noxd", value, 1);
-  nox->run();
-}
-
-TEST(RunDeathTest, ControlSocketFromTheEnvironment) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(runWithSocketEnv(nullptr), "Critical Error, Aborting: Cannot get control socket");
-  EXPECT_DEATH(runWithSocketEnv("-1"), "Critical Error, Aborting: Cannot get control socket");
-  // Not a number reads as descriptor 0, which is no listening socket.
-  EXPECT_DEATH(runWithSocketEnv("abc"), "Critical Error, Aborting: Cannot (set|open)");
 }
 
 timespec gNow = {1000, 0};
@@ -150,7 +114,6 @@ class ClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
     NoxCom::setNoxClientFd(-1);
-    Nox::count = 0;
     nox_ = makeNox("4");
     char dir[] = "/tmp/noxtest-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dir));
@@ -199,14 +162,10 @@ class ClientTest : public ::testing::Test {
   }
   void pass() { nox_->com.processEvents(0, nox_->timer); }
 
-  // A record: big-endian length, then the little-endian int32s of the Parcel.
-  static std::vector<uint8_t> record(const std::vector<int32_t>& ints) {
-    std::vector<uint8_t> out(4);
-    for (int32_t v : ints)
-      for (int b = 0; b < 4; ++b) out.push_back(static_cast<uint8_t>(static_cast<uint32_t>(v) >> (8 * b)));
-    const uint32_t len = static_cast<uint32_t>(out.size() - 4);
-    for (int b = 0; b < 4; ++b) out[b] = static_cast<uint8_t>(len >> (8 * (3 - b)));
-    return out;
+  static Bytes record(const std::vector<int32_t>& ints) {
+    Wire w;
+    for (int32_t v : ints) w.i32(v);
+    return w.record();
   }
   // Writes all of `bytes`, or fails the test; a daemon that has closed the connection is
   // an error to report, not a signal that ends the test.
@@ -262,14 +221,7 @@ TEST_F(ClientTest, RecordsAreDecodedAndDispatchedInOrder) {
   EXPECT_EQ(NOX_S_RSP_GET_FEATURE_STATUS, seen_[2].id);
   EXPECT_FALSE(seen_[2].hasData);
   EXPECT_FALSE(seen_[3].hasData);
-  EXPECT_EQ((std::vector<std::string>{
-                "|COMMON| processing NOX event 'NOX_S_NOTIFY_SCREEN_STATE_CHG' (13) [token 7, count 0]",
-                "|COMMON| processing NOX event 'NOX_S_NOTIFY_SCREEN_STATE_CHG' (13) [token 8, count 1]",
-                "|COMMON| processing NOX event 'NOX_S_RSP_GET_FEATURE_STATUS' (2) [token 9, count 2]",
-                "|COMMON| processing NOX event '' (99) [token 10, count 3]"}),
-            log_.matching("processing NOX event"));
   EXPECT_TRUE(log_.has("|COMMON| Nox does not recognize event '2'"));
-  EXPECT_TRUE(log_.has("|COMMON| Nox does not recognize event '99'"));
 }
 
 TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
@@ -311,16 +263,6 @@ TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
   ASSERT_EQ(fds[1], admitted().back());
   NoxCom::sendUnsolicitedMsg(0, NOX_D_REQ_REQUEST_GET_APP_INFO_LIST);
   EXPECT_EQ(-1, recv(c, buf, sizeof(buf), MSG_DONTWAIT));
-}
-
-TEST_F(ClientTest, ANewEarliestTimerEndsAWaitAtOnce) {
-  int calls = 0;
-  nox_->timer.addTimedCallback(0, [](void* n) { return ++*static_cast<int*>(n), -1; }, &calls);
-  const auto start = std::chrono::steady_clock::now();
-  nox_->com.processEvents(3000, nox_->timer);
-  EXPECT_EQ(1, calls);
-  // Without the wake-up the wait would take its whole 3 s.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 }
 
 TEST_F(ClientTest, OutOfDescriptorsTheLoopWaitsAndServesTheBacklogLater) {
@@ -387,9 +329,7 @@ TEST_F(ClientTest, HostileClientsNeverStopAWellBehavedOne) {
   };
   auto lengthOnly = [&](uint32_t length, std::vector<uint8_t> tail) {
     const int fd = connectClient();
-    std::vector<uint8_t> bytes = {uint8_t(length >> 24), uint8_t(length >> 16), uint8_t(length >> 8),
-                                  uint8_t(length)};
-    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    const Bytes bytes = bytesOf(htonl(length)) + tail;
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // the daemon may end it midway
     drain();
     closeClient(fd);
