@@ -180,49 +180,12 @@ class ClientTest : public ::testing::Test {
     return fds;
   }
 
-  struct Seen {
-    NoxMsgEnumType id;
-    bool hasData;
-    int firstInt;
-  };
-  static void recordEvent(NoxMsgEnumType id, const void* data, void* self) {
-    static_cast<ClientTest*>(self)->seen_.push_back(
-        {id, data != nullptr, data != nullptr ? *static_cast<const int*>(data) : 0});
-  }
-
   LogCapture log_;
   std::unique_ptr<Nox> nox_;
   std::string dir_, path_;
   int listenFd_ = -1;
   std::vector<int> clients_;
-  std::vector<Seen> seen_;
 };
-
-TEST_F(ClientTest, RecordsAreDecodedAndDispatchedInOrder) {
-  nox_->dispatcher.regEventCallback(NOX_S_NOTIFY_SCREEN_STATE_CHG, recordEvent, this);
-  nox_->dispatcher.regEventCallback(NOX_S_RSP_GET_FEATURE_STATUS, recordEvent, this);
-  nox_->dispatcher.regEventCallback(static_cast<NoxMsgEnumType>(99), recordEvent, this);
-  const int c = connectClient();
-  connectClient();
-  pass();
-  EXPECT_EQ(2u, admitted().size());  // both in one accept pass
-  // Two records in one write; then an out-going id and an unknown one, each with
-  // nothing the daemon would decode.
-  std::vector<uint8_t> bytes = record({13, 7, 1, 0});
-  const auto second = record({13, 8, 2, 5, 6});
-  bytes.insert(bytes.end(), second.begin(), second.end());
-  sendAll(c, bytes);
-  sendAll(c, record({2, 9}));
-  sendAll(c, record({99, 10, 4, 4}));
-  pass();
-  ASSERT_EQ(4u, seen_.size());
-  EXPECT_EQ(0, seen_[0].firstInt);
-  EXPECT_EQ(5, seen_[1].firstInt);
-  EXPECT_EQ(NOX_S_RSP_GET_FEATURE_STATUS, seen_[2].id);
-  EXPECT_FALSE(seen_[2].hasData);
-  EXPECT_FALSE(seen_[3].hasData);
-  EXPECT_TRUE(log_.has("|COMMON| Nox does not recognize event '2'"));
-}
 
 TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
   const int a = connectClient();
