@@ -115,13 +115,10 @@ class ClientTest : public ::testing::Test {
   void SetUp() override {
     NoxCom::setNoxClientFd(-1);
     nox_ = makeNox("4");
-    char dir[] = "/tmp/noxtest-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-    path_ = dir_ + "/sock";
+    // An abstract address (sun_path[0] == 0): nothing to remove afterwards.
+    snprintf(addr_.sun_path + 1, sizeof(addr_.sun_path) - 1, "noxtest-%d", getpid());
     listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_un addr = address();
-    ASSERT_EQ(0, bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, bind(listenFd_, reinterpret_cast<sockaddr*>(&addr_), sizeof(addr_)));
     ASSERT_EQ(0, listen(listenFd_, 128));
     nox_->com.addComEventHandler(listenFd_, Nox::listenSocketCallback, nox_.get(), nullptr,
                                  EPOLLIN | EPOLLHUP);
@@ -139,20 +136,11 @@ class ClientTest : public ::testing::Test {
       if (fd >= 0) close(fd);
     nox_->com.removeComEventHandler(listenFd_);
     close(listenFd_);
-    unlink(path_.c_str());
-    rmdir(dir_.c_str());
   }
 
-  sockaddr_un address() {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path_.c_str());
-    return addr;
-  }
   int connectClient() {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = address();
-    EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr_), sizeof(addr_)));
     clients_.push_back(fd);
     return fd;
   }
@@ -182,7 +170,7 @@ class ClientTest : public ::testing::Test {
 
   LogCapture log_;
   std::unique_ptr<Nox> nox_;
-  std::string dir_, path_;
+  sockaddr_un addr_ = {AF_UNIX, {}};
   int listenFd_ = -1;
   std::vector<int> clients_;
 };
@@ -320,7 +308,7 @@ TEST_F(ClientTest, HostileClientsNeverStopAWellBehavedOne) {
       {"a record of length 3", [&] { lengthOnly(3, {1, 2, 3}); }, ""},
       {"a record of length 8193", [&] { lengthOnly(8193, std::vector<uint8_t>(8193, 7)); },
        "|GENERIC| Error: cannot get next record"},
-            // Waits for the rest until the client gives up.
+      // Waits for the rest until the client gives up.
       {"a record of length 0xFFFFFFFF", [&] { lengthOnly(0xFFFFFFFF, {1}); }, "sent HUP."},
       {"a record cut short before a hang-up",
        [&] {
@@ -377,8 +365,7 @@ TEST_F(ClientTest, HostileClientsNeverStopAWellBehavedOne) {
            if (setgid(1001) != 0) _exit(3);
            for (int i = 0; i < 50; ++i) {
              const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-             sockaddr_un addr = address();
-             if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) _exit(4);
+             if (connect(fd, reinterpret_cast<sockaddr*>(&addr_), sizeof(addr_)) != 0) _exit(4);
              char byte;
              if (read(fd, &byte, 1) != 0) _exit(5);
              close(fd);
