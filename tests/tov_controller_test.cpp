@@ -182,43 +182,10 @@ TEST_F(TovTest, InterfaceEventsCreateAndDeleteTheFamilyTrackers) {
   }
 }
 
-TEST_F(TovTest, StatusesAreCachedWhileRegisteredAndCombineTheFamilies) {
-  start("3");
-  Calls dorm;
-  EXPECT_EQ(-1, tov().getDormancyStatus("mdlnk0"));
-  iface(NOX_NW_STATE_CONNECTED, "10.0.0.5", "2001:db8::5");
-  requests();
-  // Nobody registered: asked of the modem, both families (its state changes between calls).
-  sim_.cli({"dormancy", "mdlnk0", "v6", "dormant"});
-  EXPECT_EQ(1, tov().getDormancyStatus("mdlnk0"));  // one family active
-  sim_.cli({"dormancy", "mdlnk0", "v4", "dormant"});
-  EXPECT_EQ(0, tov().getDormancyStatus("mdlnk0"));
-  sim_.cli({"filter-mode", "mdlnk0", "v4", "on"});
-  EXPECT_EQ(1, tov().getFilterStatus("mdlnk0"));  // IPv6 still off
-  sim_.cli({"filter-mode", "mdlnk0", "v6", "on"});
-  EXPECT_EQ(0, tov().getFilterStatus("mdlnk0"));
-
-  // Registered: the cached status, without a request, updated by indications.
-  ASSERT_EQ(0, tov().regDormancyStatusChgEvent("mdlnk0", Calls::record<NoxTovWdsEventType>, &dorm));
-  requests();  // both families' reports switched on
-  EXPECT_EQ(1, tov().getDormancyStatus("mdlnk0"));  // the last status dispatched
-  EXPECT_EQ(Lines{}, requests());
-  auto indications = [&](int n) {
-    for (int i = 0; i < 200 && log_.count("wdsEventfdCallback fd") < n; ++i)
-      nox_->com.processEvents(50, nox_->timer);
-  };
-  sim_.cli({"dormancy", "mdlnk0", "v4", "active"});
-  indications(1);
-  EXPECT_EQ(Lines{}, dorm.seen);  // combined, still active
-  sim_.cli({"dormancy", "mdlnk0", "dormant"});
-  indications(3);
-  EXPECT_EQ(Lines{"mdlnk0 0"}, dorm.seen);
-  EXPECT_EQ(0, tov().getDormancyStatus("mdlnk0"));
-}
-
-TEST_F(TovTest, OperationsOnAnInterfaceAndItsFamilies) {
+TEST_F(TovTest, OperationsAndStatusesOfAnInterfaceAndItsFamilies) {
   start("3");
   EXPECT_EQ(-1, tov().goDormant("mdlnk0"));
+  EXPECT_EQ(-1, tov().getDormancyStatus("mdlnk0"));
   EXPECT_EQ(-1, tov().addDfsFilters("mdlnk0", {}, {}));
   EXPECT_EQ(-1, tov().clearAllDfsFilters("mdlnk0"));
   iface(NOX_NW_STATE_CONNECTED, "10.0.0.5", "2001:db8::5");
@@ -251,6 +218,35 @@ TEST_F(TovTest, OperationsOnAnInterfaceAndItsFamilies) {
                    "dfs-remove-filters mdlnk0 v4 client # 1 rules -> ok",
                    "dfs-remove-filters mdlnk0 v6 client # 2 rules -> ok"}),
             requests());
+
+  // Statuses, nobody registered: asked of the modem, both families (its state changes
+  // between calls). Both are dormant now, filter mode on in both.
+  EXPECT_EQ(0, tov().getDormancyStatus("mdlnk0"));
+  sim_.cli({"dormancy", "mdlnk0", "v4", "active"});
+  EXPECT_EQ(1, tov().getDormancyStatus("mdlnk0"));  // one family active
+  sim_.cli({"filter-mode", "mdlnk0", "v4", "off"});
+  EXPECT_EQ(1, tov().getFilterStatus("mdlnk0"));
+  sim_.cli({"filter-mode", "mdlnk0", "v4", "on"});
+  EXPECT_EQ(0, tov().getFilterStatus("mdlnk0"));
+
+  // Registered: the cached status, without a request, updated by indications.
+  sim_.cli({"dormancy", "mdlnk0", "v4", "dormant"});
+  Calls dorm;
+  ASSERT_EQ(0, tov().regDormancyStatusChgEvent("mdlnk0", Calls::record<NoxTovWdsEventType>, &dorm));
+  requests();  // both families' reports switched on
+  EXPECT_EQ(1, tov().getDormancyStatus("mdlnk0"));  // the last status dispatched
+  EXPECT_EQ(Lines{}, requests());
+  auto indications = [&](int n) {
+    for (int i = 0; i < 200 && log_.count("wdsEventfdCallback fd") < n; ++i)
+      nox_->com.processEvents(50, nox_->timer);
+  };
+  sim_.cli({"dormancy", "mdlnk0", "v4", "active"});
+  indications(1);
+  EXPECT_EQ(Lines{}, dorm.seen);  // combined, still active
+  sim_.cli({"dormancy", "mdlnk0", "dormant"});
+  indications(3);
+  EXPECT_EQ(Lines{"mdlnk0 0"}, dorm.seen);
+  EXPECT_EQ(0, tov().getDormancyStatus("mdlnk0"));
 }
 
 TEST_F(TovTest, ASlowModemHoldsTheLoopForOneClientStartAtATime) {
