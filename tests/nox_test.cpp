@@ -184,8 +184,6 @@ TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
   pass();
   const auto fds = admitted();
   ASSERT_EQ(2u, fds.size());
-  EXPECT_EQ(fds[1], NoxCom::getNoxClientFd());
-  EXPECT_TRUE(log_.has("|COMMON| NOXJ client is on descriptor " + std::to_string(fds[1])));
   NoxCom::sendUnsolicitedMsg(0, NOX_D_REQ_REQUEST_GET_APP_INFO_LIST);
   uint8_t buf[32];
   EXPECT_EQ(12, recv(b, buf, sizeof(buf), MSG_DONTWAIT));
@@ -205,7 +203,6 @@ TEST_F(ClientTest, RepliesToDescriptorZeroGoToTheLastClientThatSentInitDone) {
   nox_->com.addComEventHandler(efd, NoxCom::clearRead, nullptr, nullptr, EPOLLIN);
   NoxCom::sendUnsolicitedMsg(0, NOX_D_REQ_REQUEST_GET_APP_INFO_LIST);
   EXPECT_TRUE(NoxCom::isApprovedFd(efd));
-  EXPECT_TRUE(log_.has("|COMMON:COM| Cannot send message to fd='-1', not on approved list"));
   nox_->com.removeComEventHandler(efd);
   close(efd);
   const int c = connectClient();
