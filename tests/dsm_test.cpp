@@ -111,7 +111,6 @@ TEST_F(DsmTest, WlanDhcpRenewIsNotReported) {
   EXPECT_EQ(NOX_NW_STATE_CONNECTED, dsm().getWlanInfo().status);
   _WlanInfo down = {1, NOX_NW_STATE_DISCONNECTED, 0};
   cmd(NOX_S_NOTIFY_WLAN_STATE_CHG, &down);
-  EXPECT_EQ(1, log_.count("|COMMON:DSM| Exiting dhcprenew state"));
   ASSERT_EQ(2u, events_->ids.size());
   EXPECT_EQ(NOX_NW_STATE_DISCONNECTED,
             events_->last<_WlanInfo>(NOX_DSM_WLAN_STATUS_CHANGE_EVENT).status);
@@ -159,7 +158,6 @@ TEST_F(DsmTest, AppListAddRemoveDuplicatesAndLimit) {
 
   update(NOX_PKG_ACTION_ADD, {{"com.b", 10050, ""}, {"com.a", 10050, "5"}});  // uids are shared
   EXPECT_EQ((Names{"com.a", "com.b"}), names(10050));
-  EXPECT_TRUE(log_.has("|COMMON:DSM| App com.a already exists in map! Ignoring"));
   update(NOX_PKG_ACTION_REMOVE, {{"com.a", 10051, ""}, {"com.c", 10050, ""}});  // uid and name
   EXPECT_EQ(3u, dsm().GetAppInfoMap().size());
   update(7, {{"com.a", 10050, ""}});  // any action but add removes
@@ -189,7 +187,6 @@ TEST_F(DsmTest, AppListAddRemoveDuplicatesAndLimit) {
   const std::vector<NoxAppInfoType> twoNew = batch(2);
   update(NOX_PKG_ACTION_ADD, twoNew);
   EXPECT_EQ(NOX_MAX_APPS - 1, dsm().GetAppInfoMap().size());
-  EXPECT_TRUE(log_.has("|COMMON:DSM| AddAppInfoList: 2 more applications would exceed the limit of 10000, refused"));
   // A known entry and a repeated one count once: this fills the list exactly.
   update(NOX_PKG_ACTION_ADD, {{"com.c", 10051, ""}, twoNew[0], twoNew[0]});
   EXPECT_EQ(NOX_MAX_APPS, dsm().GetAppInfoMap().size());

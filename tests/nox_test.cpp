@@ -62,11 +62,16 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
     unsigned entriesRun;
     std::vector<std::string> lines;
   };
+  // The mask is a number in any base; text reads as 0, bits above the three features
+  // are ignored.
   const Case cases[] = {
       {"0", "full", false, false, true, 0,
        {"|COMMON| None of the nox feature enabled, noxd shutting down"}},
+      {"on", "full", false, false, true, 0,
+       {"|COMMON| None of the nox feature enabled, noxd shutting down"}},
       {"4", "full", false, false, false, 0, {}},
-      {"3", "full", true, true, false, 2,
+      {"12", "full", false, false, false, 0, {}},
+      {"07", "full", true, true, false, 2,
        {"|COMMON| loaded fdmgr from DIR/full/libnoxfdmgr.so", "|TEST| init_fd_mgr called",
         "|COMMON| loaded ctmgr from DIR/full/libnoxctmgr.so", "|TEST| init_ct_mgr called"}},
       // A missing first plug-in does not keep the second from loading.
@@ -92,6 +97,7 @@ TEST(StartupTest, FeatureMaskDecidesPluginsAndStop) {
     EXPECT_EQ(c.fdLoaded, nox->fdMgrHandle != nullptr);
     EXPECT_EQ(c.ctLoaded, nox->ctMgrHandle != nullptr);
     EXPECT_EQ(c.stop ? "noxd" : "", prop("ctl.stop"));
+    EXPECT_FALSE(nox->config.isEnabled(NoxFeatureType(3)) || nox->config.isEnabled(NoxFeatureType(-1)));
     // Each entry got this Nox and registered on its dispatcher, after the data state manager.
     EXPECT_EQ(1u + c.entriesRun, nox->dispatcher.count(NOX_S_NOTIFY_INIT_DONE));
     log.clear();
