@@ -1,4 +1,3 @@
-#include <cutils/properties.h>
 #include <diag_channel.h>
 #include <gtest/gtest.h>
 
@@ -126,14 +125,6 @@ TEST_F(LogTest, ConcurrentLinesStayWholeAndFillTheDescriptorOnce) {
     EXPECT_EQ(lines[0].ssId, l.ssId);
     EXPECT_EQ(static_cast<unsigned>(NoxLog::RYVO_VERBOSITY_LEVEL[first]), l.mask);
   }
-}
-
-TEST(LogPropertyTest, ThresholdComesFromItsProperty) {
-  property_host_reset();
-  EXPECT_EQ(0, NoxLog::getPropertyValue());
-  property_set("persist.nox.loglevel", "3");
-  EXPECT_EQ(3, NoxLog::getPropertyValue());
-  property_host_reset();
 }
 
 }  // namespace

@@ -56,8 +56,9 @@ done
 grep -qx "ctl.stop=noxd" "$dir/new.prop" || fail "ctl.stop not recorded: $(cat "$dir/new.prop")"
 
 # The socket file left behind is replaced.
-echo "persist.nox.feature=4" >"$dir/prop"
-"$noxd" --socket "$dir/sock" --props "$dir/prop" --log-level 0 2>"$dir/log" &
+# The threshold from its property: the lines waited for below are verbose.
+printf 'persist.nox.feature=4\npersist.nox.loglevel=0\n' >"$dir/prop"
+"$noxd" --socket "$dir/sock" --props "$dir/prop" 2>"$dir/log" &
 pids+=($!)
 wait_log "Control socket is ready"
 # A second daemon on the same path leaves the live one alone.

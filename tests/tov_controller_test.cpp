@@ -32,28 +32,18 @@ unsigned recordSleep(unsigned seconds) {
   return 0;
 }
 
-TEST(TovInitTest, RetriesAfterThreeFiveTenFifteenThirtySeconds) {
-  struct Case {
-    const char* failures;
-    std::vector<unsigned> delays;
-    bool started;
-  };
-  const Case cases[] = {{"6", {3, 5, 10, 15, 30}, false}, {"2", {3, 5}, true}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.failures) + " failures");
-    LogCapture log;
-    ModemSimProcess sim;
-    sim.cli({"fail", "start", "--times", c.failures});
-    gSlept.clear();
-    NoxTov::sleepSeconds = recordSleep;
-    auto nox = makeNox("4");
-    EXPECT_EQ(c.delays, gSlept);
-    EXPECT_EQ(!c.started, log.has("|COMMON:TOV| NoxTov::init: max tov int attempted"));
-    EXPECT_EQ(c.started, NoxTov::mTovHandle >= 0);
-    // Only a started library follows the interface events.
-    EXPECT_EQ(c.started ? 1u : 0u,
-              nox->dsm.dispatcher.count(NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT));
-  }
+// A start that succeeds on a retry: noxd_netns_test.sh, against a modem that comes late.
+TEST(TovInitTest, GivesUpAfterRetriesThreeFiveTenFifteenAndThirtySecondsApart) {
+  LogCapture log;
+  ModemSimProcess sim;
+  sim.cli({"fail", "start", "--times", "6"});
+  NoxTov::sleepSeconds = recordSleep;
+  auto nox = makeNox("4");
+  EXPECT_EQ((std::vector<unsigned>{3, 5, 10, 15, 30}), gSlept);
+  EXPECT_TRUE(log.has("|COMMON:TOV| NoxTov::init: max tov int attempted"));
+  EXPECT_LT(NoxTov::mTovHandle, 0);
+  // Without the library nothing follows the interface events.
+  EXPECT_EQ(0u, nox->dsm.dispatcher.count(NOX_DSM_WWAN_INTERFACE_STATUS_CHANGE_EVENT));
 }
 
 struct Calls {
