@@ -70,7 +70,6 @@ class TimerTest : public ::testing::Test, public INoxTimerMonitor {
 TEST_F(TimerTest, RunsInDueOrderAndWakesTheLoopOnlyForANewEarliest) {
   EXPECT_EQ(-1, timer.timeUntilNextEvent());
   EXPECT_EQ(-1, timer.addTimedCallback(10, nullptr, nullptr));
-  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; cannot have NULL callback function"));
   add(100, 'a');
   EXPECT_EQ(1, notified);
   add(50, 'b');
@@ -121,7 +120,6 @@ TEST_F(TimerTest, ClockFailureFailsTheAddAndDropsARearm) {
   const std::string why = strerror(EINVAL);
   gClockFails = true;
   EXPECT_EQ(-1, add(10, 'a'));
-  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; clock_gettime(): " + why));
   EXPECT_EQ(0, notified);
   gClockFails = false;
   add(0, 'p', {100});
