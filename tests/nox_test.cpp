@@ -369,11 +369,9 @@ TEST_F(ClientTest, HostileClientsNeverStopAWellBehavedOne) {
     sendAll(good, record({8, 1}));
     sendAll(good, record({1, 2, 2, 2, 0}));  // feature status: count 2, feature 2, status
     drain();
-    int32_t reply[5] = {};
+    uint8_t reply[24];
     ASSERT_EQ(20, recv(good, reply, sizeof(reply), MSG_DONTWAIT));
-    EXPECT_EQ(16, ntohl(reply[0]));
-    EXPECT_EQ((std::vector<int32_t>{1, NOX_S_RSP_GET_FEATURE_STATUS, 2, 3}),
-              std::vector<int32_t>(reply + 1, reply + 5));
+    EXPECT_EQ(record({1, NOX_S_RSP_GET_FEATURE_STATUS, 2, 3}), Bytes(reply, reply + 20));
   }
   closeClient(good);
   drain();
