@@ -18,7 +18,6 @@
 #include "ModemSimProcess.h"
 #include "Nox.h"
 #include "TestLog.h"
-#include "Wire.h"
 
 namespace {
 
@@ -102,42 +101,6 @@ TEST_F(DsmTest, NsrmStatusIsKeptInItsPropertyAndAnswered) {
   EXPECT_TRUE(events_->ids.empty());
 }
 
-// Every message, cut at every length of its payload, through the record path: nothing
-// crashes, a screen or tethering record without a usable list is reported as corrupted,
-// and the daemon goes on answering.
-TEST_F(DsmTest, EveryRecordCutAtEveryLengthLeavesTheDaemonServing) {
-  Wire apps = Wire().i32(0).i32(2);
-  apps.app(u"com.a", 10050).app(u"com.b", 10051);
-  std::vector<Wire> full(15);
-  full[NOX_S_REQ_GET_FEATURE_STATUS] = Wire().i32(2).i32(2).i32(3);
-  full[NOX_S_REQ_SET_FEATURE_PREF] = Wire().i32(2).i32(2).i32(2);
-  full[NOX_S_RSP_REFRESH_NSRM_CONFIG] = Wire().i32(2).i32(5).i32(6);
-  full[NOX_S_NOTIFY_WLAN_STATE_CHG] = Wire().i32(1).i32(1).i32(0);
-  full[NOX_S_NOTIFY_WWAN_STATE_CHG] =
-      Wire().i32(0).i32(1).i32(13).i32(0).i32(0).str(u"10.0.0.5").str(u"lo").str(u"").str(u"").str(u"310260");
-  full[NOX_S_NOTIFY_NSRM_BKG_EVT_STATE_CHG] = Wire().i32(3).i32(1).i32(2).i32(3);
-  full[NOX_S_NOTIFY_APP_INFO_LIST_CHG] = apps;
-  full[NOX_S_NOTIFY_SCREEN_STATE_CHG] = Wire().i32(1).i32(0);
-  full[NOX_S_NOTIFY_TETHERING_STATE_CHG] = Wire().i32(1).i32(1);
-  full.push_back(Wire().i32(0));  // screen lists of 0 and of 101 ints are no list
-  full.push_back(Wire{Wire().i32(101).b + Bytes(404, 0)});
-  for (size_t m = 0; m < full.size(); ++m) {
-    const int32_t id = m < 15 ? int32_t(m) : NOX_S_NOTIFY_SCREEN_STATE_CHG;
-    for (size_t cut = 0; cut <= full[m].b.size(); ++cut) {
-      Wire w = Wire().i32(id).i32(static_cast<int32_t>(cut));
-      w.b.insert(w.b.end(), full[m].b.begin(), full[m].b.begin() + cut);
-      const Bytes r = w.record();
-      ASSERT_EQ(ssize_t(r.size()), write(fds_[0], r.data(), r.size()));
-      nox_->com.processEvents(0, nox_->timer);
-    }
-  }
-  EXPECT_LE(4, log_.count("|COMMON:DSM| DSM processNoxCmd: data corrupted"));
-  char drained[65536];
-  while (recv(fds_[0], drained, sizeof(drained), MSG_DONTWAIT) > 0) {
-  }
-  EXPECT_EQ((Ints{1, NOX_S_RSP_GET_FEATURE_STATUS, 2, 2}), ask({1, 0, 2, 2, 0}));
-}
-
 TEST_F(DsmTest, WlanDhcpRenewIsNotReported) {
   for (const Ints& s : {Ints{NOX_NW_STATE_CONNECTED, 0}, Ints{NOX_NW_STATE_CONNECTING, 0},
                         Ints{NOX_NW_STATE_CONNECTED, 0}, Ints{NOX_NW_STATE_CONNECTED, 1}}) {
@@ -148,7 +111,6 @@ TEST_F(DsmTest, WlanDhcpRenewIsNotReported) {
   EXPECT_EQ(NOX_NW_STATE_CONNECTED, dsm().getWlanInfo().status);
   _WlanInfo down = {1, NOX_NW_STATE_DISCONNECTED, 0};
   cmd(NOX_S_NOTIFY_WLAN_STATE_CHG, &down);
-  EXPECT_EQ(1, log_.count("|COMMON:DSM| Exiting dhcprenew state"));
   ASSERT_EQ(2u, events_->ids.size());
   EXPECT_EQ(NOX_NW_STATE_DISCONNECTED,
             events_->last<_WlanInfo>(NOX_DSM_WLAN_STATUS_CHANGE_EVENT).status);
@@ -158,12 +120,15 @@ TEST_F(DsmTest, TetheringAndScreenAreInvertedAndReportedOnChange) {
   // Tethering starts at 1 and screen at 0; the client's 0 stands for 1, anything else for 0.
   for (int32_t t : {0, 1, 5, 0}) cmd(NOX_S_NOTIFY_TETHERING_STATE_CHG, &t);
   for (int32_t s : {1, 0, 7}) cmd(NOX_S_NOTIFY_SCREEN_STATE_CHG, &s);
+  // Records without a usable list reach the handlers as no data: nothing is reported.
+  cmd(NOX_S_NOTIFY_TETHERING_STATE_CHG, nullptr), cmd(NOX_S_NOTIFY_SCREEN_STATE_CHG, nullptr);
   const NoxDsmEvent kT = NOX_DSM_TETHERING_STATE_CHANGE_EVENT;
   const NoxDsmEvent kS = NOX_DSM_SCREEN_STATE_CHANGE_EVENT;
   EXPECT_EQ((Ids{kT, kT, kS, kS}), events_->ids);
   Ints values;
   for (size_t i = 0; i < events_->ids.size(); ++i) values.push_back(events_->at<int32_t>(i));
   EXPECT_EQ((Ints{0, 1, 1, 0}), values);
+  EXPECT_EQ(2, log_.count("|COMMON:DSM| DSM processNoxCmd: data corrupted"));
 }
 
 NoxAppInfoMsgDataType appMessage(int32_t action, const std::vector<NoxAppInfoType>& apps) {
@@ -193,7 +158,6 @@ TEST_F(DsmTest, AppListAddRemoveDuplicatesAndLimit) {
 
   update(NOX_PKG_ACTION_ADD, {{"com.b", 10050, ""}, {"com.a", 10050, "5"}});  // uids are shared
   EXPECT_EQ((Names{"com.a", "com.b"}), names(10050));
-  EXPECT_TRUE(log_.has("|COMMON:DSM| App com.a already exists in map! Ignoring"));
   update(NOX_PKG_ACTION_REMOVE, {{"com.a", 10051, ""}, {"com.c", 10050, ""}});  // uid and name
   EXPECT_EQ(3u, dsm().GetAppInfoMap().size());
   update(7, {{"com.a", 10050, ""}});  // any action but add removes
@@ -223,7 +187,6 @@ TEST_F(DsmTest, AppListAddRemoveDuplicatesAndLimit) {
   const std::vector<NoxAppInfoType> twoNew = batch(2);
   update(NOX_PKG_ACTION_ADD, twoNew);
   EXPECT_EQ(NOX_MAX_APPS - 1, dsm().GetAppInfoMap().size());
-  EXPECT_TRUE(log_.has("|COMMON:DSM| AddAppInfoList: 2 more applications would exceed the limit of 10000, refused"));
   // A known entry and a repeated one count once: this fills the list exactly.
   update(NOX_PKG_ACTION_ADD, {{"com.c", 10051, ""}, twoNew[0], twoNew[0]});
   EXPECT_EQ(NOX_MAX_APPS, dsm().GetAppInfoMap().size());

@@ -1,4 +1,3 @@
-#include <cutils/properties.h>
 #include <diag_channel.h>
 #include <gtest/gtest.h>
 
@@ -126,20 +125,6 @@ TEST_F(LogTest, ConcurrentLinesStayWholeAndFillTheDescriptorOnce) {
     EXPECT_EQ(lines[0].ssId, l.ssId);
     EXPECT_EQ(static_cast<unsigned>(NoxLog::RYVO_VERBOSITY_LEVEL[first]), l.mask);
   }
-}
-
-TEST(LogPropertyTest, ThresholdPropertyIsReadAsANumber) {
-  property_host_reset();
-  EXPECT_EQ(0, NoxLog::getPropertyValue());
-  const struct {
-    const char* value;
-    int level;
-  } cases[] = {{"3", 3}, {"4x", 4}, {"verbose", 0}, {"-1", -1}, {"", 0}};
-  for (const auto& c : cases) {
-    ASSERT_EQ(0, property_set("persist.nox.loglevel", c.value));
-    EXPECT_EQ(c.level, NoxLog::getPropertyValue()) << c.value;
-  }
-  property_host_reset();
 }
 
 }  // namespace

@@ -49,18 +49,13 @@ class PermissionsTest : public ::testing::Test {
 
 TEST_F(PermissionsTest, ListedGroupOrWholeNameIsAdmitted) {
   for (int gid : {0, 1000, 2000, 3003}) EXPECT_TRUE(permissions.isAppAllowed(vanishedPid(), gid));
-  EXPECT_EQ(4, log.count("|COMMON| Detected acceptable application."));
   EXPECT_EQ(0, log.count("Appname"));  // without reading the name
 
   const pid_t abcdef = spawn("abcdef"), gone = vanishedPid();
   EXPECT_FALSE(permissions.isAppAllowed(abcdef, 1001));
-  EXPECT_TRUE(log.has("|COMMON| Checking app abcd"));  // 4 bytes of the command line
-  EXPECT_TRUE(log.has("|COMMON| Detected unacceptable application."));
   EXPECT_FALSE(permissions.isAppAllowed(gone, 1001));
-  EXPECT_TRUE(
-      log.has("|COMMON| unable to get appname of process with pid=" + std::to_string(gone)));
 
-  ASSERT_TRUE(permissions.allowName("abcd"));
+  ASSERT_TRUE(permissions.allowName("abcd"));  // the first 4 bytes of its command line
   EXPECT_TRUE(permissions.isAppAllowed(abcdef, 1001));
   EXPECT_FALSE(permissions.isNameAllowed("abc"));
   EXPECT_FALSE(permissions.isNameAllowed("abcde"));

@@ -1,6 +1,7 @@
-// The simulator's radio model: exact energy accounts from a fixed sequence on its own
-// clock, and, through the real server and the host library, power-save filters, auto-exit
-// and the inactivity timer reaching the clients unasked.
+// The simulator's radio model: an exact energy account from a fixed sequence on its own
+// clock (the oracles built on it: power_replay_test.sh), and, through the real server and
+// the host library, power-save filters, auto-exit and the inactivity timer reaching the
+// clients unasked.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -41,10 +42,6 @@ TEST(RadioTest, AFixedSequenceGivesExactFigures) {
   at(0, {"dormancy", "mdlnk0", "dormant"});
   at(1000, {"traffic", "mdlnk0", "down", "--count", "2"});  // promoted until 1260
   at(5000, {"traffic", "mdlnk0", "up"});                    // released at 15000
-  EXPECT_EQ(15000, sim.nextRadioEventMs());
-  const std::string released = at(15000, {"state"});
-  EXPECT_NE(std::string::npos, released.find("  v4: dormant")) << released;
-  EXPECT_NE(std::string::npos, released.find("  radio: idle")) << released;
   at(20000, {"traffic", "mdlnk0", "down"});
   at(20100, {"dormancy", "mdlnk0", "dormant"});  // cuts the promotion short
   // Idle 1000 + 5000 + 1900 ms at 20 mW, promoting 260 + 100 ms at 1210 mW, connected
@@ -53,30 +50,6 @@ TEST(RadioTest, AFixedSequenceGivesExactFigures) {
       "port mdlnk0 (idle now): connected 14.100 s (promoting 0.360 s), idle 7.900 s, promotions 2, "
       "energy 15.158000 J, delivered 4, dropped 0",
       portLine(at(22000, {"energy"}), "mdlnk0"));
-  at(22000, {"energy", "--reset"});
-  EXPECT_EQ(
-      "port mdlnk0 (idle now): connected 0.000 s (promoting 0.000 s), idle 1.000 s, promotions 0, "
-      "energy 0.020000 J, delivered 0, dropped 0",
-      portLine(at(23000, {"energy"}), "mdlnk0"));
-
-  // The oracles know every gap: 100 ms is below the break-even gap, 2.9 s is worth a
-  // promotion the network would not make, 14 s and the last second are released anyway.
-  // The run itself: promoted at 23000 and 40000, released by the timer at 36000.
-  for (int64_t ms : {23000, 23100, 26000, 40000}) at(ms, {"traffic", "mdlnk0", "up"});
-  EXPECT_NE(std::string::npos,
-            at(41000, {"energy"})
-                .find("total: connected 14.000 s (promoting 0.520 s), idle 5.000 s, promotions 2, "
-                      "energy 15.018000 J"));
-  // Unlimited: connected only while promoting, 3 x 260 ms. Bound to 2 promotions: held
-  // through the 2.9 s gap, released right after the packet that ends it.
-  EXPECT_EQ(
-      "oracle: releases after a packet when the next one on its port comes more than 298 ms "
-      "later, up to the report at 41.000 s\n"
-      "oracle (unlimited): connected 0.780 s (promoting 0.780 s), idle 18.220 s, promotions 3, "
-      "energy 1.308200 J, delivered 4, dropped 0\n"
-      "oracle (signalling-bound, at most 2 promotions): connected 3.260 s (promoting 0.520 s), "
-      "idle 15.740 s, promotions 2, energy 3.848400 J, delivered 4, dropped 0\n",
-      at(45000, {"energy", "--oracle", "2"}));
 }
 
 // What the library's thread hands over, as lines.
@@ -114,17 +87,18 @@ void onDfs(tov_client_type client, unsigned msgId, void* buf, unsigned len, void
   static_cast<Heard*>(heard)->add(ind.powersave_filter_mode ? "filter mode on" : "filter mode off");
 }
 
-// An IPv4 rule on one port range, source or destination, of `info` in the rule.
+// An IPv4 rule on one port, source or destination, of `info` in the rule: what the
+// daemon's filter tracker sends.
 dfs_filter_rule_type_v01 rule(dfs_xport_protocol_enum_v01 proto,
                               dfs_port_info_type_v01 dfs_xport_filter_type_v01::*info, bool source,
-                              uint16_t port, uint16_t range) {
+                              uint16_t port) {
   dfs_filter_rule_type_v01 r = {};
   r.ip_info.ip_version = DFS_IP_FAMILY_IPV4_V01;
   r.xport_info.xport_protocol = proto;
   dfs_port_info_type_v01& p = r.xport_info.*info;
   p.valid_params =
       source ? DFS_PORT_INFO_FILTER_MASK_SRC_PORT_V01 : DFS_PORT_INFO_FILTER_MASK_DEST_PORT_V01;
-  (source ? p.src_port_info : p.dest_port_info) = {port, range};
+  (source ? p.src_port_info : p.dest_port_info) = {port, 0};
   return r;
 }
 
@@ -152,35 +126,25 @@ TEST(RadioServerTest, FiltersAutoExitAndTheInactivityTimerReachTheClients) {
   ASSERT_EQ(TOV_CLIENT_NO_ERR,
             tov_client_dfs_init_instance("mdlnk0", dfs_get_service_object_v01(), 0xffff, onDfs,
                                          &dfsHeard, nullptr, 5000, &dfs));
-  auto request = [&](unsigned id, auto& req, auto& resp) {
-    resp = {};
+  auto request = [&](unsigned id, auto req, auto resp) {
     EXPECT_EQ(0, tov_client_send_msg_sync(dfs, id, &req, sizeof(req), &resp, sizeof(resp), 1000));
     EXPECT_EQ(TOV_RESULT_SUCCESS_V01, resp.resp.result) << "message " << id;
   };
   dfs_bind_client_req_msg_v01 bind = {};
   bind.ip_preference_valid = 1, bind.ip_preference = DFS_IP_FAMILY_IPV4_V01;
-  dfs_bind_client_resp_msg_v01 bound;
-  request(TOV_DFS_BIND_CLIENT_REQ_V01, bind, bound);
-  dfs_indication_register_req_msg_v01 reg = {1, 1, 0, 0, 0, 0};
-  dfs_indication_register_resp_msg_v01 registered;
-  request(TOV_DFS_INDICATION_REGISTER_REQ_V01, reg, registered);
-  dfs_set_autoexit_powersave_filter_mode_req_msg_v01 autoexit = {1};
-  dfs_set_autoexit_powersave_filter_mode_resp_msg_v01 autoexitSet;
-  request(TOV_DFS_SET_AUTOEXIT_POWERSAVE_FILTER_MODE_REQ_V01, autoexit, autoexitSet);
-  auto add = std::make_unique<dfs_add_powersave_filters_req_msg_v01>();
-  auto added = std::make_unique<dfs_add_powersave_filters_resp_msg_v01>();
-  add->powersave_filter_rules_valid = 1;
-  add->powersave_filter_rules_len = 3;
-  add->powersave_filter_rules[0] =
-      rule(DFS_PROTO_TCP_V01, &dfs_xport_filter_type_v01::tcp_info, true, 5228, 0);
-  add->powersave_filter_rules[1] =
-      rule(DFS_PROTO_UDP_V01, &dfs_xport_filter_type_v01::udp_info, false, 53, 0);
-  add->powersave_filter_rules[2] =
-      rule(DFS_PROTO_TCP_UDP_V01, &dfs_xport_filter_type_v01::tcp_udp_info, true, 7000, 10);
-  request(TOV_DFS_ADD_POWERSAVE_FILTERS_REQ_V01, *add, *added);
-  dfs_set_powersave_filter_mode_req_msg_v01 on = {1};
-  dfs_set_powersave_filter_mode_resp_msg_v01 onSet;
-  request(TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, on, onSet);
+  request(TOV_DFS_BIND_CLIENT_REQ_V01, bind, dfs_bind_client_resp_msg_v01{});
+  request(TOV_DFS_INDICATION_REGISTER_REQ_V01, dfs_indication_register_req_msg_v01{1, 1, 0, 0, 0, 0},
+          dfs_indication_register_resp_msg_v01{});
+  request(TOV_DFS_SET_AUTOEXIT_POWERSAVE_FILTER_MODE_REQ_V01,
+          dfs_set_autoexit_powersave_filter_mode_req_msg_v01{1},
+          dfs_set_autoexit_powersave_filter_mode_resp_msg_v01{});
+  dfs_add_powersave_filters_req_msg_v01 add = {};
+  add.powersave_filter_rules_valid = 1, add.powersave_filter_rules_len = 2;
+  add.powersave_filter_rules[0] = rule(DFS_PROTO_TCP_V01, &dfs_xport_filter_type_v01::tcp_info, true, 5228);
+  add.powersave_filter_rules[1] = rule(DFS_PROTO_UDP_V01, &dfs_xport_filter_type_v01::udp_info, false, 53);
+  request(TOV_DFS_ADD_POWERSAVE_FILTERS_REQ_V01, add, dfs_add_powersave_filters_resp_msg_v01{});
+  request(TOV_DFS_SET_POWERSAVE_FILTER_MODE_REQ_V01, dfs_set_powersave_filter_mode_req_msg_v01{1},
+          dfs_set_powersave_filter_mode_resp_msg_v01{});
   EXPECT_EQ(Lines{"filter mode on"}, dfsHeard.wait(1));
 
   struct Case {
@@ -192,8 +156,6 @@ TEST(RadioServerTest, FiltersAutoExitAndTheInactivityTimerReachTheClients) {
       {{"--src-port", "5228"}, "delivered"},
       {{"--proto", "udp", "--src-port", "5228"}, "dropped"},  // the protocol must match too
       {{"--proto", "udp", "--dst-port", "53"}, "delivered"},
-      {{"--proto", "udp", "--src-port", "7010"}, "delivered"},  // tcp or udp, 7000 to 7010
-      {{"--src-port", "7011", "--count", "2"}, "dropped"},
       {{"--family", "v6", "--src-port", "443"}, "delivered"},  // IPv6 is not filtering
   };
   for (const Case& c : cases) {
@@ -206,11 +168,8 @@ TEST(RadioServerTest, FiltersAutoExitAndTheInactivityTimerReachTheClients) {
   cli({"traffic", "mdlnk0", "up", "--dst-port", "443"});
   EXPECT_EQ((Lines{"filter mode on", "filter mode off"}), dfsHeard.wait(2));
   const std::string state = cli({"state"});
-  EXPECT_NE(std::string::npos, state.find(", filter mode off, auto-exit on, 3 rules")) << state;
+  EXPECT_NE(std::string::npos, state.find(", filter mode off, auto-exit on, 2 rules")) << state;
   EXPECT_NE(std::string::npos, state.find(", filter mode on, auto-exit off, 0 rules")) << state;
-  EXPECT_NE(std::string::npos, portLine(cli({"energy"}), "mdlnk0")
-                                   .find("delivered 5, dropped 4 (v4 tcp/443 1, v4 tcp/7011 2, "
-                                         "v4 udp/5228 1)"));
 
   // A port whose only event is one packet: its release reaches the client with nothing
   // asked of the simulator, once the server wakes for the timer.

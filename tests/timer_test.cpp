@@ -70,7 +70,6 @@ class TimerTest : public ::testing::Test, public INoxTimerMonitor {
 TEST_F(TimerTest, RunsInDueOrderAndWakesTheLoopOnlyForANewEarliest) {
   EXPECT_EQ(-1, timer.timeUntilNextEvent());
   EXPECT_EQ(-1, timer.addTimedCallback(10, nullptr, nullptr));
-  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; cannot have NULL callback function"));
   add(100, 'a');
   EXPECT_EQ(1, notified);
   add(50, 'b');
@@ -95,12 +94,8 @@ TEST_F(TimerTest, RemovalKeepsTheOthersInDueOrderAndCannotStopARunningCallback) 
   const int victim = add(10, 'b'), self = add(20, 'c', {40});
   add(5, 'd');
   const int before = notified;
-  log.clear();
-  timer.removeTimedCallback(12345);
-  EXPECT_TRUE(log.lines().empty());
+  timer.removeTimedCallback(12345);  // never given out: nothing happens
   timer.removeTimedCallback(victim);
-  EXPECT_EQ(1,
-            log.count("Removing timed callback - TimedEvent id:" + std::to_string(victim) + " "));
   EXPECT_EQ(before, notified);
   const int other = add(25, 'e');
   probes['c'].action = [&] {
@@ -125,7 +120,6 @@ TEST_F(TimerTest, ClockFailureFailsTheAddAndDropsARearm) {
   const std::string why = strerror(EINVAL);
   gClockFails = true;
   EXPECT_EQ(-1, add(10, 'a'));
-  EXPECT_TRUE(log.has("|COMMON:COM| addTimedCallback failed; clock_gettime(): " + why));
   EXPECT_EQ(0, notified);
   gClockFails = false;
   add(0, 'p', {100});
@@ -135,14 +129,6 @@ TEST_F(TimerTest, ClockFailureFailsTheAddAndDropsARearm) {
   EXPECT_EQ(2, log.count("|COMMON:COM| timeUntilNextCallback failed; clock_gettime(): " + why));
   gClockFails = false;
   step(200000, "pb", -1);  // neither 'a' nor p was pending
-}
-
-TEST_F(TimerTest, DelayArithmeticKeepsItsQuirks) {
-  timespec negative{10, 0}, wide{10, 0};
-  timer.addDelayToTimeval(-1500, negative);             // not normalised
-  timer.addDelayToTimeval(0x100000000LL + 2000, wide);  // seconds from the low 32 bits only
-  EXPECT_EQ(std::make_pair(9L, -500000000L), std::make_pair(negative.tv_sec, negative.tv_nsec));
-  EXPECT_EQ(std::make_pair(12L, 296000000L), std::make_pair(wide.tv_sec, wide.tv_nsec));
 }
 
 }  // namespace

@@ -24,10 +24,9 @@ class DsmEventLog {
   template <typename T>
   T at(size_t index) const {
     T value{};
-    if (index >= ids.size() || payloads[index].size() != sizeof(T))
-      ADD_FAILURE() << "no event #" << index << " with a payload of " << sizeof(T) << " bytes";
-    else
-      memcpy(&value, payloads[index].data(), sizeof(T));
+    const bool found = index < ids.size() && payloads[index].size() == sizeof(T);
+    EXPECT_TRUE(found) << "no event #" << index << " with a payload of " << sizeof(T) << " bytes";
+    if (found) memcpy(&value, payloads[index].data(), sizeof(T));
     return value;
   }
   // The payload of the last event `id`, as T.
