@@ -68,16 +68,6 @@ void onStopOverdue(int) {
 
 // The start-up retries' wait: cut short, with the seconds asked for, by SIGTERM.
 unsigned int startupSleep(unsigned int seconds) {
-#ifndef __ANDROID__
-  static bool named = false;
-  if (!named) {
-    const char* sim = getenv("TOV_SIM_SOCKET");
-    NOX_LOG(NOX_LOG_WARN, NOX_MOD_COMMON,
-            "no modem at %s (TOV_SIM_SOCKET): is the simulator running (modemsim serve)?",
-            sim != nullptr && *sim != '\0' ? sim : "/tmp/modemsim.sock");
-    named = true;
-  }
-#endif
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   for (;;) {
     if (gStop) return seconds;

@@ -158,12 +158,6 @@ bool NoxCtMgr::filtering() const {
          nox_.dsm.getTetheringState() == NOX_TETHERING_OFF;
 }
 
-bool NoxCtMgr::connected(const std::string& iface) const {
-  const NoxDsmWwanIfaceMap all = nox_.dsm.getAllWwanInfo();
-  const auto it = all.find(iface);
-  return it != all.end() && it->second.state == NOX_NW_STATE_CONNECTED;
-}
-
 const std::list<NoxConnTrackFilter_s>& NoxCtMgr::allowList(const Family& f) const {
   return f.family == 4 ? v4Filters_ : v6Filters_;
 }

@@ -97,7 +97,6 @@ class NoxCtMgr {
                       std::list<NoxConnTrackFilter_s>& out);
   // Screen off and tethering off.
   bool filtering() const;
-  bool connected(const std::string& iface) const;
   bool wantsOn(const Family& f) const;
   const std::list<NoxConnTrackFilter_s>& allowList(const Family& f) const;
   Port& port(const std::string& iface);

@@ -66,6 +66,7 @@ extern "C" void nox_plugin_dump(Nox*) {
 
 NoxFdMgr::NoxFdMgr(Nox& nox) : nox_(nox) {
   readSettings();
+  learning_.fallbackMs = activeGraceMs_;  // what the learner uses until it knows better
   for (NoxDsmEvent e : kEvents) nox_.dsm.dispatcher.regEventCallback(e, onDsmEvent, this);
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR,
           "dormancy policy ready: dormant %lld ms after screen off, %lld ms after traffic",
@@ -125,10 +126,7 @@ bool NoxFdMgr::connected(const std::string& iface) const {
 NoxFdMgr::Port& NoxFdMgr::port(const std::string& iface) {
   const auto added = ports_.emplace(iface, Port{this, iface});
   Port& p = added.first->second;
-  if (added.second) {
-    learning_.fallbackMs = activeGraceMs_;
-    p.learner = GraceLearner(learning_);
-  }
+  if (added.second) p.learner = GraceLearner(learning_);
   follow(p);
   return p;
 }
