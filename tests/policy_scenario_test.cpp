@@ -214,7 +214,9 @@ TEST_F(PolicyScenario, ThePortSettlesWhereThePoliciesWantIt) {
 }
 
 // A list longer than a settings line is refused whole: a cut one would let tcp/44 pass
-// for tcp/44321, and push messages of the real port be dropped.
+// for tcp/44321, and push messages of the real port be dropped. With one family never
+// filtering, the port's filtering status never changes: the other family's auto-exit
+// must still be seen, and its filter mode come back.
 TEST_F(PolicyScenario, ALongAllowListIsRefusedAndItsFamilyNotFiltered) {
   std::string list = "allow_v4:";
   while (list.size() < 250) list += "tcp/5228 ";
@@ -226,6 +228,8 @@ TEST_F(PolicyScenario, ALongAllowListIsRefusedAndItsFamilyNotFiltered) {
   tell();
   settle("screen off");
   EXPECT_EQ(1, log_.count("allow_v4 is longer than 255 characters: refused, IPv4 is not filtered"));
+  sim_.cli({"traffic", kIface, "up", "--family", "v6"});
+  settle("IPv6 uplink traffic (auto-exit)");
 }
 
 }  // namespace

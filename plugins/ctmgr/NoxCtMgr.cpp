@@ -82,6 +82,8 @@ NoxCtMgr::~NoxCtMgr() {
     cancelTimers(entry.second);
     if (entry.second.followed)
       nox_.tov.deRegFilteringStatusChgEvent(entry.first, onFilteringChange, this);
+    if (entry.second.followedDormancy)
+      nox_.tov.deRegDormancyStatusChgEvent(entry.first, onDormancyChange, this);
     // Nobody would switch the filters off at screen on: leave the safe state.
     for (int family : {4, 6}) {
       nox_.tov.setFamilyFilterMode(entry.first, family, false);
@@ -173,10 +175,17 @@ NoxCtMgr::Port& NoxCtMgr::port(const std::string& iface) {
 void NoxCtMgr::follow(Port& p) {
   // A registration that has to create the port tracker is not stored: only subscribe
   // once the framework has the interface's tracker, else at its next connect.
-  if (p.followed || nox_.tov.dfsPortTrackers().count(p.iface) == 0) return;
-  if (nox_.tov.regFilteringStatusChgEvent(p.iface, onFilteringChange, this) != 0) return;
-  p.followed = true;
-  NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "following the filtering status of %s", p.iface.c_str());
+  if (!p.followed && nox_.tov.dfsPortTrackers().count(p.iface) != 0 &&
+      nox_.tov.regFilteringStatusChgEvent(p.iface, onFilteringChange, this) == 0) {
+    p.followed = true;
+    NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "following the filtering status of %s", p.iface.c_str());
+  }
+  // The port's filtering status is one for both families: while one is off, the other's
+  // auto-exit changes nothing there and is not told. The uplink traffic that ends filter
+  // mode wakes the link, or it goes dormant soon after: each change is a look at the modes.
+  if (!p.followedDormancy && nox_.tov.wdsPortTrackers().count(p.iface) != 0 &&
+      nox_.tov.regDormancyStatusChgEvent(p.iface, onDormancyChange, this) == 0)
+    p.followedDormancy = true;
 }
 
 void NoxCtMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
@@ -198,6 +207,16 @@ void NoxCtMgr::onFilteringChange(NoxTovDfsEventType, const void* data, void* sel
           filteringText(info->status));
   const auto it = mgr->ports_.find(info->iface);
   if (it == mgr->ports_.end()) return;
+  if (it->second.reconciling)
+    it->second.again = true;
+  else
+    mgr->reconcile(it->second);
+}
+
+void NoxCtMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self) {
+  NoxCtMgr* mgr = static_cast<NoxCtMgr*>(self);
+  const auto it = mgr->ports_.find(static_cast<const NoxTovStatusChgInfo*>(data)->iface);
+  if (it == mgr->ports_.end() || !mgr->filtering()) return;
   if (it->second.reconciling)
     it->second.again = true;
   else
@@ -272,9 +291,7 @@ bool NoxCtMgr::reconcile(Port& p, Family& f) {
   if (tov.getFamilyFilterMode(p.iface, f.family, on) == 1) {
     if (!on && f.onByUs && filtering()) {
       // Off without our asking: uplink traffic ended it; back on after reenter_ms.
-      p.reenterAt = bootMs() + reenterMs_;
-      if (p.reenterTimer != -1) nox_.timer.removeTimedCallback(p.reenterTimer);
-      p.reenterTimer = nox_.timer.addTimedCallback(reenterMs_, onReenter, &p);
+      armReenter(p);
     }
     f.mode = on ? Known::kYes : Known::kNo;
     f.onByUs = on && f.onByUs;
@@ -311,7 +328,21 @@ bool NoxCtMgr::reconcile(Port& p, Family& f) {
     f.rules = Known::kYes;
   }
   if (f.mode == Known::kYes || bootMs() < p.reenterAt) return true;
-  return setMode(true);
+  if (!setMode(true)) return false;
+  // Uplink traffic may end it again before the port's status is read after the request:
+  // then that status did not change and nothing is told. Read the mode back.
+  if (tov.getFamilyFilterMode(p.iface, f.family, on) == 1 && !on) {
+    f.mode = Known::kNo;
+    f.onByUs = false;
+    armReenter(p);
+  }
+  return true;
+}
+
+void NoxCtMgr::armReenter(Port& p) {
+  p.reenterAt = bootMs() + reenterMs_;
+  if (p.reenterTimer != -1) nox_.timer.removeTimedCallback(p.reenterTimer);
+  p.reenterTimer = nox_.timer.addTimedCallback(reenterMs_, onReenter, &p);
 }
 
 int NoxCtMgr::onRetry(void* data) {

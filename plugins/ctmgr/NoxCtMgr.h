@@ -78,6 +78,7 @@ class NoxCtMgr {
     Family v4{4};
     Family v6{6};
     bool followed = false;
+    bool followedDormancy = false;
     int retries = 0;        // failed reconciles in a row
     int retryTimer = -1;
     long long reenterAt = 0;  // boot-clock ms before which the mode stays off (auto-exit)
@@ -88,6 +89,7 @@ class NoxCtMgr {
 
   static void onDsmEvent(NoxDsmEvent event, const void* data, void* self);
   static void onFilteringChange(NoxTovDfsEventType event, const void* info, void* self);
+  static void onDormancyChange(NoxTovWdsEventType event, const void* info, void* self);
   static int onRetry(void* port);
   static int onReenter(void* port);
 
@@ -107,6 +109,8 @@ class NoxCtMgr {
   // One family; false when a request failed.
   bool reconcile(Port& p, Family& f);
   void cancelTimers(Port& p);
+  // Filter mode stays off until reenter_ms from now (uplink traffic ended it).
+  void armReenter(Port& p);
 
   Nox& nox_;
   std::list<NoxConnTrackFilter_s> v4Filters_;
