@@ -25,7 +25,7 @@ stop_pids() {
 }
 nox_cleanup() {
   stop_pids "${pids[@]}" || true
-  rm -rf "$dir"
+  [ -n "${NOX_KEEP:-}" ] || rm -rf "$dir"
 }
 trap nox_cleanup EXIT
 trap 'exit 130' INT TERM
@@ -36,7 +36,7 @@ trap 'exit 130' INT TERM
 in_private_netns() {
   [ "${NOX_IN_NETNS:-}" = 1 ] && return 0
   [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null || return 1
-  rm -rf "$dir"
+  [ -n "${NOX_KEEP:-}" ] || rm -rf "$dir"
   trap - EXIT
   NOX_IN_NETNS=1 exec unshare --net "$0" "$@"
 }

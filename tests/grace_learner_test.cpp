@@ -30,26 +30,23 @@ void play(GraceLearner& learner, bool screenOn, const std::vector<Step>& steps) 
 
 TEST(GraceLearnerTest, PrematureReleasesDoubleTheGraceOthersShrinkItWithinItsBounds) {
   GraceLearner learner({500, 8000, 3000, 10000, 333});
+  EXPECT_EQ(5000, learner.screenOffGraceMs(5000)) << "knows nothing yet";
   play(learner, false,
        {
            {60000, 3000},  // the fallback until four releases were judged
            {60000, 3000},
            {60000, 3000},
-           {60000, 950},    // 3000 -> 2250 -> 1688 -> 1266 -> 950, less a quarter each
-           {9999, 1900},    // woken within the network's timer: premature, doubled
-           {2000, 3800},
-           {100, 7600},
+           {60000, 500},    // 3000 -> 1500 -> 750 -> 500: halved each time, to the floor
+           {9999, 1000},    // woken within the network's timer: premature, doubled
+           {2000, 2000},
+           {100, 4000},
+           {100, 8000},
            {100, 8000},     // the ceiling
-           {10000, 6000},   // exactly the timer: not premature
-           {60000, 4500},
+           {10000, 4000},   // exactly the timer: not premature
        });
+  EXPECT_EQ(4000, learner.screenOffGraceMs(5000)) << "after the screen goes off too";
   for (int i = 0; i < 20; ++i) learner.dormant(0, false, false);  // the network's own
-  EXPECT_EQ(4500, learner.graceMs(false)) << "screen-off releases by the network teach nothing";
-  for (long long t = 100000; t < 2000000; t += 100000) {  // ... down to the floor
-    learner.dormant(t, true, false);
-    learner.woke(t + 60000, false);
-  }
-  EXPECT_EQ(500, learner.graceMs(false));
+  EXPECT_EQ(4000, learner.graceMs(false)) << "screen-off releases by the network teach nothing";
 }
 
 TEST(GraceLearnerTest, ScreenOnReleasesStopWhileTooManyCostAPromotionAndResumeAfterLongGaps) {

@@ -56,5 +56,11 @@ promotions0=$(grep -F "| without a policy" "$dir/report.md" | awk -F'|' '{ print
 awk -v u="${free% J*}" -v o="$energy2" -v p="$energy1" -v n="$promotions2" -v n0="$promotions0" \
   'BEGIN { exit !(u <= o && o <= p && n <= n0) }' ||
   fail "oracles: $energy2 J in $promotions2 promotions (no policy $promotions0), unlimited $free"
+# The best fixed timer keeps to the same promotions, and no schedule beats the oracle.
+timer=$(sed -n 's/^A timer that sees every packet.*, \([0-9.]*\) % of the signalling-bound oracle.s, \([0-9]*\) promotions\.$/\1 \2/p' \
+  "$dir/report.md")
+read -r share promotions3 <<<"$timer"
+awk -v s="$share" -v n="$promotions3" -v n0="$promotions0" 'BEGIN { exit !(s != "" && s <= 100 && n <= n0) }' ||
+  fail "the best timer: '$timer' (share of the oracle's saving, promotions; no policy $promotions0)"
 echo "energy $energy1 J with the policy, $energy0 J without, $energy2 J for the oracle"
 echo "1 passed, 0 failed"

@@ -265,12 +265,17 @@ std::string ModemSim::oracleText(int64_t maxPromotions) const {
     dropped += entry.second.dropped;
   }
   const OracleTotals best = oracles(records, reportedAt_, radio_, maxPromotions);
+  const TimerTotals timer = bestTimer(records, reportedAt_, radio_, maxPromotions);
   return "oracle: releases after a packet when the next one on its port comes more than " +
          std::to_string(breakEvenGapMs(radio_)) + " ms later, up to the report at " +
          seconds(reportedAt_) + "\n" + "oracle (unlimited): " +
          totalsText(best.unlimited, delivered, dropped) + "\n" +
          "oracle (signalling-bound, at most " + std::to_string(maxPromotions) +
-         " promotions): " + totalsText(best.bound, delivered, dropped) + "\n";
+         " promotions): " + totalsText(best.bound, delivered, dropped) + "\n" +
+         (timer.timerMs < 0 ? std::string()
+                            : "timer (signalling-bound): releases " + std::to_string(timer.timerMs) +
+                                  " ms after the last packet: " +
+                                  totalsText(timer.totals, delivered, dropped) + "\n");
 }
 
 }  // namespace modemsim

@@ -15,10 +15,10 @@ struct Gap {
   int64_t lengthMs;
 };
 
-// The radio of one port with its connection released early in the gaps marked in
-// `release`, the network's inactivity timer running as in the run.
+// The radio of one port with its connection released `delayMs` after a packet in the
+// gaps marked in `release`, the network's inactivity timer running as in the run.
 RadioTotals replay(const PortRecord& p, const std::vector<char>& release, int64_t endMs,
-                   const RadioParams& params) {
+                   const RadioParams& params, int64_t delayMs = 0) {
   Radio radio(p.startMs);
   if (!p.connectedAtStart) radio.release(p.startMs);
   const auto timerUpTo = [&](int64_t t) {
@@ -31,7 +31,7 @@ RadioTotals replay(const PortRecord& p, const std::vector<char>& release, int64_
     if (release[j]) {
       // Right after the packet, once its promotion is over: a radio cannot give up a
       // connection it is still setting up.
-      const int64_t at = j == 0 ? p.startMs : std::max(t[j - 1], promotionEnd);
+      const int64_t at = j == 0 ? p.startMs + delayMs : std::max(t[j - 1] + delayMs, promotionEnd);
       if (at < next) {
         timerUpTo(at);
         radio.release(at);
@@ -105,6 +105,26 @@ OracleTotals oracles(const std::vector<PortRecord>& ports, int64_t endMs,
   }
   result.bound = run(low);
   return result;
+}
+
+TimerTotals bestTimer(const std::vector<PortRecord>& ports, int64_t endMs,
+                      const RadioParams& params, int64_t maxPromotions) {
+  TimerTotals best;
+  for (int64_t delay = kTimerStepMs; delay <= params.inactivityMs; delay += kTimerStepMs) {
+    RadioTotals sum;
+    for (const PortRecord& p : ports) {
+      PortRecord upToEnd = p;
+      std::vector<int64_t>& t = upToEnd.packetsMs;
+      t.erase(std::upper_bound(t.begin(), t.end(), endMs), t.end());
+      sum += replay(upToEnd, std::vector<char>(t.size() + 1, 1), endMs, params, delay);
+    }
+    if ((maxPromotions < 0 || sum.promotions <= static_cast<uint64_t>(maxPromotions)) &&
+        (best.timerMs < 0 || sum.energyUj < best.totals.energyUj)) {
+      best.timerMs = delay;
+      best.totals = sum;
+    }
+  }
+  return best;
 }
 
 }  // namespace modemsim

@@ -38,6 +38,19 @@ int64_t breakEvenGapMs(const RadioParams& params);
 OracleTotals oracles(const std::vector<PortRecord>& ports, int64_t endMs,
                      const RadioParams& params, int64_t maxPromotions);
 
+// Not an oracle but the best fixed timer: what a policy that sees every packet as it
+// comes, but not the next one, does by releasing each port the same time after its
+// last packet. The best of the timers from kTimerStepMs up to the network's own, in
+// steps of kTimerStepMs, within `maxPromotions` (none when negative); timerMs -1 when
+// none stays within.
+constexpr int64_t kTimerStepMs = 250;
+struct TimerTotals {
+  int64_t timerMs = -1;
+  RadioTotals totals;
+};
+TimerTotals bestTimer(const std::vector<PortRecord>& ports, int64_t endMs,
+                      const RadioParams& params, int64_t maxPromotions);
+
 }  // namespace modemsim
 
 #endif  // MODEMSIM_ORACLE_H

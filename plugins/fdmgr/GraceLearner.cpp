@@ -3,10 +3,17 @@
 #include <algorithm>
 
 void GraceLearner::judge(Context& c, bool premature) {
+  // With the screen on a premature release also costs the user a wait: shrink slower.
+  const long long shrunk = &c == &context_[1] ? c.graceMs - c.graceMs / 4 : c.graceMs / 2;
   c.graceMs = premature ? std::min(settings_.ceilingMs, c.graceMs * 2)
-                        : std::max(settings_.floorMs, c.graceMs - c.graceMs / 4);
+                        : std::max(settings_.floorMs, shrunk);
   c.premature += ((premature ? 1000 : 0) - c.premature) / 4;
   ++c.samples;
+}
+
+long long GraceLearner::screenOffGraceMs(long long unknownMs) const {
+  const Context& c = context_[0];
+  return c.samples < kMinSamples ? unknownMs : c.graceMs;
 }
 
 long long GraceLearner::woke(long long nowMs, bool screenOn) {

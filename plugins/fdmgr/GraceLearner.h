@@ -8,11 +8,13 @@
 // What it learns from: each release it asked for is judged at the link's next wake. A
 // wake sooner than the network's inactivity timer after the release means the release
 // cost a promotion that the network would not have made (the traffic had not ended, or
-// came back soon): premature. A premature release doubles the grace; any other takes a
-// quarter off it, down to the floor, so the grace settles where about three releases in
-// ten are premature (2x up against 0.75x down): with the screen off a premature release
-// still saves energy, and the filters keep the link from most wakes. Until kMinSamples
-// releases were judged it knows too little and uses the fallback grace.
+// came back soon): premature. A premature release doubles the grace; with the screen off
+// any other halves it, down to the floor, so the grace settles where about half of the
+// releases are premature. That is the trade: a premature release still saves energy
+// unless the link is woken within a promotion's worth of connected time (about 0.3 s),
+// and with the screen off the filters keep the link from most wakes, so the promotions
+// stay below the network's own (measured by make power). Until kMinSamples releases
+// were judged it knows too little and uses the fallback grace.
 //
 // What it can't see: the packets themselves (while the link is active a plug-in hears
 // nothing, so the grace runs from the wake, not from the last packet), which app or
@@ -20,10 +22,12 @@
 //
 // With the screen on a release also costs the user: the next tap waits for a promotion
 // (about a quarter second) when it comes before the network would have let go. So the
-// screen-on grace is learnt on its own, and releases with the screen on stop while more
-// than `screenOnPrematureMax` per mille of the recent ones (a moving average over about
-// four) were premature; each time the network itself lets go with the screen on counts
-// as one that was not, so that they start again once the user reads more than taps.
+// screen-on grace is learnt on its own, a release that was not premature takes only a
+// quarter off it (about three in ten premature), and releases with the screen on stop
+// while more than `screenOnPrematureMax` per mille of the recent ones (a moving average
+// over about four) were premature; each time the network itself lets go with the screen
+// on counts as one that was not, so that they start again once the user reads more than
+// taps.
 //
 // Times are the caller's, in milliseconds, and never go back.
 class GraceLearner {
@@ -45,6 +49,10 @@ class GraceLearner {
   // The link went dormant at `nowMs`: `asked` when at the policy's request, else by the
   // network's timer.
   void dormant(long long nowMs, bool asked, bool screenOn);
+
+  // The grace of a request that no wake started (the screen went off, the link
+  // connected with it off): the screen-off one once it knows enough, else `unknownMs`.
+  long long screenOffGraceMs(long long unknownMs) const;
 
   long long graceMs(bool screenOn) const { return context_[screenOn].graceMs; }
   int samples(bool screenOn) const { return context_[screenOn].samples; }

@@ -152,7 +152,7 @@ void NoxFdMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
     mgr->cancel(p);
   } else if (p.timerId == -1 && mgr->screenAndTetheringOff()) {
     // A link that connects with the screen off is as active as one that traffic woke.
-    mgr->arm(p, mgr->activeGraceMs_, true);
+    mgr->arm(p, p.learner.screenOffGraceMs(mgr->activeGraceMs_), true);
   }
 }
 
@@ -168,7 +168,7 @@ void NoxFdMgr::decide() {
                 "cancelled", p.iface.c_str());
       cancel(p);
     } else if (p.timerId == -1 && connected(p.iface)) {
-      arm(p, graceMs_, false);
+      arm(p, p.learner.screenOffGraceMs(graceMs_), false);
     }
   }
 }
@@ -177,6 +177,7 @@ void NoxFdMgr::arm(Port& p, long long delayMs, bool afterTraffic) {
   cancel(p);
   p.timerId = nox_.timer.addTimedCallback(delayMs, onGraceOver, &p);
   p.afterTraffic = afterTraffic;
+  p.armedMs = delayMs;
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen %s, tethering off: %s dormant %sin %lld ms",
           nox_.dsm.getScreenState() == NOX_SCREEN_OFF ? "off" : "on", p.iface.c_str(),
           afterTraffic ? "again " : "", delayMs);
@@ -202,7 +203,7 @@ int NoxFdMgr::onGraceOver(void* data) {
             "dormant again", p.iface.c_str());
   else
     NOX_LOG(NOX_LOG_INFO, NOX_MOD_FDMGR, "screen off for %lld ms: asking the modem to take %s "
-            "dormant", mgr->graceMs_, p.iface.c_str());
+            "dormant", p.armedMs, p.iface.c_str());
   if (mgr->nox_.tov.goDormant(p.iface) == 0) {
     p.retries = 0;
     p.asked = true;

@@ -6,12 +6,13 @@
 // off, it asks the modem to release the data link (go dormant) on each interface, so
 // the radio does not burn its tail energy waiting for the network's inactivity timer.
 // While they stay off, traffic that wakes a link again, and a link that connects, gets
-// a shorter grace before the next request, learnt per interface (GraceLearner.h says
-// from what, and how it weighs a release with the screen on). Screen on or tethering on
-// cancels pending requests; with the screen on, traffic that wakes a link gets a
-// release too while the learner finds that it pays. With tethering on the link is left
-// to the network: the tethered devices' users are not the phone's to see. It follows the dormancy of every interface that connects, also after its
-// start, and logs every change ("FDMGR").
+// a shorter grace before the next request, learnt per interface and used after the
+// screen goes off too (GraceLearner.h says from what, and how it weighs a release with
+// the screen on). Screen on or tethering on cancels pending requests; with the screen
+// on, traffic that wakes a link gets a release too while the learner finds that it
+// pays. With tethering on the link is left to the network: the tethered devices' users
+// are not the phone's to see. It follows the dormancy of every interface that connects,
+// also after its start, and logs every change ("FDMGR").
 //
 // How it decides, and what to keep when you copy it: per interface it acts on what the
 // modem reports (the dormancy status callbacks), not on what it last asked for. The
@@ -22,7 +23,8 @@
 //
 // Settings, in a tagged file (default /system/vendor/etc/noxfdmgr.conf, on the host
 // $NOX_FDMGR_CONFIG):
-//   grace_period_ms:5000   how long the screen stays off before the request
+//   grace_period_ms:5000   how long the screen stays off before the request, until
+//                          the learner knows better
 //   active_grace_ms:3000   how long a link woken by traffic stays active before the
 //                          request again, until the learner knows better
 //   min_grace_ms:500       the learnt grace's floor
@@ -63,6 +65,7 @@ class NoxFdMgr {
     bool followed = false;
     int timerId = -1;  // the next dormancy request
     bool afterTraffic = false;  // that request is the short one
+    long long armedMs = 0;  // and its delay
     int retries = 0;  // refused requests in a row
     bool asked = false;  // a request the modem took, until the link goes dormant
     GraceLearner learner{GraceLearner::Settings()};
