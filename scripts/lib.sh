@@ -1,6 +1,7 @@
 # Shared by the demo and the end-to-end test scripts: processes that are stopped on
 # exit, waits with a bound, and the simulator and the daemon started the same way.
-# Source it after `set -euo pipefail`; it sets $dir (removed on exit) and $pids: every
+# Source it after `set -euo pipefail`; it sets $dir (removed on exit, kept with NOX_KEEP=1
+# in the environment, for a look at what a run left) and $pids: every
 # process started in the background goes into $pids, so that the exit stops it.
 
 dir=$(mktemp -d /tmp/noxd-run.XXXXXX)
