@@ -102,7 +102,7 @@ ctl dump >/dev/null
 expect_log "end of noxd state"
 block=$(sed -n '/noxd state:/,/end of noxd state/p' "$log")
 for line in "features: mask 0x3" "WWAN mdlnk0: state 1 type 0 nwType 0 roaming 0 APNs 0 IPv4 '10.20.30.40'" \
-  "port mdlnk0 WDS: v4 v6, dormancy registrations 1, last status 1" \
+  "port mdlnk0 WDS: v4 v6, dormancy registrations 2, last status 1" \
   "port mdlnk0 DFS: v4 v6, filtering registrations 1, last status 1"; do
   grep -qF -- "$line" <<<"$block" || fail "the state dump has no '$line'"
 done
