@@ -29,8 +29,8 @@ RadioTotals replay(const PortRecord& p, const std::vector<char>& release, int64_
   for (size_t j = 0; j <= t.size(); ++j) {
     const int64_t next = j < t.size() ? t[j] : endMs;
     if (release[j]) {
-      // Right after the packet, once its promotion is over: a radio cannot give up a
-      // connection it is still setting up.
+      // After the packet (at once, for the oracles), once its promotion is over: a radio
+      // cannot give up a connection it is still setting up.
       const int64_t at = j == 0 ? p.startMs + delayMs : std::max(t[j - 1] + delayMs, promotionEnd);
       if (at < next) {
         timerUpTo(at);
