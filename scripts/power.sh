@@ -272,8 +272,10 @@ breakeven=$(awk '/^[a-z]/ { p[$1] = $2 } END {
   echo "learnt grace also after the screen goes off. With the screen on the next tap would"
   echo "wait for that promotion: screen-on releases are learnt apart, a quarter comes off"
   echo "their grace instead of half, and they stop while more than a third of the recent ones"
-  echo "were premature. With tethering on it leaves the link to the network. It cannot see"
-  echo "packets: its grace runs from the wake, not from the last packet."
+  echo "were premature; while stopped, it judges the release it did not make from the"
+  echo "network's own release, a timer after the last packet, and the next wake. With"
+  echo "tethering on it leaves the link to the network. It cannot see packets: its grace"
+  echo "runs from the wake, not from the last packet."
   echo
   echo "Below each table, for comparison: the best fixed timer that sees every packet as it"
   echo "comes (which the plug-in does not) and releases the link the same time after the last"

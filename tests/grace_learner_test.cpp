@@ -49,7 +49,7 @@ TEST(GraceLearnerTest, PrematureReleasesDoubleTheGraceOthersShrinkItWithinItsBou
   EXPECT_EQ(4000, learner.graceMs(false)) << "screen-off releases by the network teach nothing";
 }
 
-TEST(GraceLearnerTest, ScreenOnReleasesStopWhileTooManyCostAPromotionAndResumeAfterLongGaps) {
+TEST(GraceLearnerTest, ScreenOnReleasesStopWhileTooManyCostAPromotionAndResumeWhenTheyWouldPay) {
   GraceLearner learner({500, 8000, 3000, 10000, 333});
   // Learnt apart from the screen-off side, which stays at the fallback.
   play(learner, true,
@@ -60,14 +60,17 @@ TEST(GraceLearnerTest, ScreenOnReleasesStopWhileTooManyCostAPromotionAndResumeAf
            {30000, 2532},  // judged four times: 141 per mille, grace 3000 x 3/4 x 2 x 3/4 x 3/4
            {4000, -1},     // 141 + (1000 - 141) / 4 = 355 per mille: leave it to the network
        });
-  EXPECT_EQ(355, learner.prematurePerMille(true));
-  EXPECT_EQ(-1, learner.woke(200000, true));
-  // Each time the network lets go with the screen on, a gap of its whole timer happened.
-  learner.dormant(210000, false, true);  // 355 -> 267
-  EXPECT_EQ(267, learner.prematurePerMille(true));
-  EXPECT_EQ(3798, learner.woke(220000, true));
+  EXPECT_EQ(-1, learner.woke(200000, true));  // a release not made at 205064
+  // The network lets go a timer after the last packet, at 206000: premature.
+  learner.dormant(216000, false, true);
+  EXPECT_EQ(516, learner.prematurePerMille(true));
+  EXPECT_EQ(-1, learner.woke(300000, true));  // not made at 308000
+  learner.dormant(312000, false, true);       // the last packet came before it
+  EXPECT_EQ(-1, learner.woke(330000, true));  // dormant 22 s: 387 per mille, not made at 336000
+  learner.dormant(340000, false, true);
+  EXPECT_EQ(4500, learner.woke(360000, true)) << "291 per mille: releases again";
   // The screen-off side never stops releasing.
-  EXPECT_EQ(3000, learner.woke(230000, false));
+  EXPECT_EQ(3000, learner.woke(370000, false));
 }
 
 }  // namespace

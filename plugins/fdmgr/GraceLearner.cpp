@@ -17,13 +17,19 @@ long long GraceLearner::screenOffGraceMs(long long unknownMs) const {
 }
 
 long long GraceLearner::woke(long long nowMs, bool screenOn) {
+  const long long timer = settings_.networkTimerMs;
   if (releasedAtMs_ >= 0) {
-    judge(context_[releasedScreenOn_], nowMs - releasedAtMs_ < settings_.networkTimerMs);
+    judge(context_[releasedScreenOn_], nowMs - releasedAtMs_ < timer);
     releasedAtMs_ = -1;
   }
+  if (unmadeAtMs_ >= 0) judge(context_[1], nowMs - unmadeAtMs_ < timer);
+  unmadeAtMs_ = unmadeFromMs_ = -1;
   const Context& c = context_[screenOn];
   if (c.samples < kMinSamples) return settings_.fallbackMs;
-  if (screenOn && c.premature > settings_.screenOnPrematureMax) return -1;
+  if (screenOn && c.premature > settings_.screenOnPrematureMax) {
+    unmadeFromMs_ = nowMs + c.graceMs;
+    return -1;
+  }
   return c.graceMs;
 }
 
@@ -31,8 +37,13 @@ void GraceLearner::dormant(long long nowMs, bool asked, bool screenOn) {
   if (asked) {
     releasedAtMs_ = nowMs;
     releasedScreenOn_ = screenOn;
-  } else if (screenOn && context_[1].samples >= kMinSamples) {
-    // The network found a gap of its whole timer: a release would have paid.
-    judge(context_[1], false);
+  } else if (screenOn && unmadeFromMs_ >= 0 && unmadeFromMs_ < nowMs) {
+    // The network lets go a whole timer after the last packet. Traffic after the release
+    // we did not make: premature. Else it would have held until the next wake.
+    if (unmadeFromMs_ < nowMs - settings_.networkTimerMs)
+      judge(context_[1], true);
+    else
+      unmadeAtMs_ = unmadeFromMs_;
   }
+  unmadeFromMs_ = -1;
 }

@@ -17,17 +17,20 @@
 // were judged it knows too little and uses the fallback grace.
 //
 // What it can't see: the packets themselves (while the link is active a plug-in hears
-// nothing, so the grace runs from the wake, not from the last packet), which app or
-// port sent them, what the filters dropped, and the network's timer (a setting).
+// nothing, so the grace runs from the wake, not from the last packet; only a release by
+// the network dates the last one, a timer earlier), which app or port sent them, what
+// the filters dropped, and the network's timer (a setting).
 //
 // With the screen on a release also costs the user: the next tap waits for a promotion
 // (about a quarter second) when it comes before the network would have let go. So the
 // screen-on grace is learnt on its own, a release that was not premature takes only a
 // quarter off it (about three in ten premature), and releases with the screen on stop
 // while more than `screenOnPrematureMax` per mille of the recent ones (a moving average
-// over about four) were premature; each time the network itself lets go with the screen
-// on counts as one that was not, so that they start again once the user reads more than
-// taps.
+// over about four) were premature. While they are stopped, the release it did not make
+// is judged all the same: the network lets go a whole timer after the last packet, so
+// its release tells whether traffic came after that moment (premature), and if not, the
+// next wake tells how long the link would have stayed dormant. Releases start again
+// once those would have paid, when the user reads more than taps.
 //
 // Times are the caller's, in milliseconds, and never go back.
 class GraceLearner {
@@ -70,6 +73,10 @@ class GraceLearner {
   Context context_[2] = {{settings_.fallbackMs}, {settings_.fallbackMs}};
   long long releasedAtMs_ = -1;  // our release still to be judged
   bool releasedScreenOn_ = false;
+  // With screen-on releases stopped: when the one not made would have come, and, once the
+  // network let go after it, when it would have released the link, judged at the next wake.
+  long long unmadeFromMs_ = -1;
+  long long unmadeAtMs_ = -1;
 };
 
 #endif  // NOX_FDMGR_GRACE_LEARNER_H
