@@ -201,26 +201,24 @@ void NoxCtMgr::onDsmEvent(NoxDsmEvent event, const void* data, void* self) {
 }
 
 void NoxCtMgr::onFilteringChange(NoxTovDfsEventType, const void* data, void* self) {
-  NoxCtMgr* mgr = static_cast<NoxCtMgr*>(self);
   const auto* info = static_cast<const NoxTovStatusChgInfo*>(data);
   NOX_LOG(NOX_LOG_INFO, NOX_MOD_CTMGR, "filtering on %s is now %s", info->iface.c_str(),
           filteringText(info->status));
-  const auto it = mgr->ports_.find(info->iface);
-  if (it == mgr->ports_.end()) return;
-  if (it->second.reconciling)
-    it->second.again = true;
-  else
-    mgr->reconcile(it->second);
+  static_cast<NoxCtMgr*>(self)->lookAgain(info->iface);
 }
 
 void NoxCtMgr::onDormancyChange(NoxTovWdsEventType, const void* data, void* self) {
   NoxCtMgr* mgr = static_cast<NoxCtMgr*>(self);
-  const auto it = mgr->ports_.find(static_cast<const NoxTovStatusChgInfo*>(data)->iface);
-  if (it == mgr->ports_.end() || !mgr->filtering()) return;
+  if (mgr->filtering()) mgr->lookAgain(static_cast<const NoxTovStatusChgInfo*>(data)->iface);
+}
+
+void NoxCtMgr::lookAgain(const std::string& iface) {
+  const auto it = ports_.find(iface);
+  if (it == ports_.end()) return;
   if (it->second.reconciling)
     it->second.again = true;
   else
-    mgr->reconcile(it->second);
+    reconcile(it->second);
 }
 
 void NoxCtMgr::reconcile(Port& p) {

@@ -109,6 +109,8 @@ class NoxCtMgr {
   // One family; false when a request failed.
   bool reconcile(Port& p, Family& f);
   void cancelTimers(Port& p);
+  // A status of the port changed: reconcile it, or once more when a pass is running.
+  void lookAgain(const std::string& iface);
   // Filter mode stays off until reenter_ms from now (uplink traffic ended it).
   void armReenter(Port& p);
 
