@@ -64,6 +64,10 @@ TEST(GraceLearnerTest, ScreenOnReleasesStopWhileTooManyCostAPromotionAndResumeWh
   // The network lets go a timer after the last packet, at 206000: premature.
   learner.dormant(216000, false, true);
   EXPECT_EQ(516, learner.prematurePerMille(true));
+  EXPECT_EQ(-1, learner.woke(250000, true));  // not made at 258000: the network let go first,
+  learner.dormant(255000, false, true);       // so there was no release to judge
+  EXPECT_EQ(-1, learner.woke(280000, true));
+  EXPECT_EQ(516, learner.prematurePerMille(true));
   EXPECT_EQ(-1, learner.woke(300000, true));  // not made at 308000
   learner.dormant(312000, false, true);       // the last packet came before it
   EXPECT_EQ(-1, learner.woke(330000, true));  // dormant 22 s: 387 per mille, not made at 336000
